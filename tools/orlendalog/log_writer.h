@@ -1,0 +1,35 @@
+// The sink of the log service: turns records and notices into lines and writes them to the log
+// file and, in the foreground, to standard output. Readers of many connections call it at once;
+// one lock keeps lines whole and in one order in both places.
+#pragma once
+
+#include <cstdio>
+
+#include "platform/sync.h"
+#include "record_reader.h"
+#include "rotating_file.h"
+
+namespace orlenda::logservice {
+
+class LogWriter : public RecordSink {
+ public:
+  // `file` may be null (console only); `console` may be null (file only).
+  LogWriter(RotatingFile* file, std::FILE* console) : file_(file), console_(console) {}
+
+  void OnRecord(const logging::RecordHeader& header, WStringView text, const uint8_t* data,
+                uint32_t data_size) override;
+  void OnMalformed(const char* notice) override;
+
+  // A notice of the log service itself (start, stop, file trouble).
+  void Notice(const char* notice) { OnMalformed(notice); }
+
+ private:
+  void Write(const HeapString& line);
+
+  platform::CriticalSection lock_;
+  RotatingFile* file_;
+  std::FILE* console_;
+  bool file_failed_ = false;
+};
+
+}  // namespace orlenda::logservice
