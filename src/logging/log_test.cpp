@@ -224,41 +224,5 @@ TEST_F(LogClientTest, GivesUpWhenTheServiceGoesAwayWhileWaiting) {
   EXPECT_EQ(LostMessageCount(), 1u);
 }
 
-TEST_F(LogClientTest, ConcurrentWritersNeverInterleaveRecords) {
-  TestReceiver receiver;
-  receiver.HoldPresence();
-  receiver.Listen();
-
-  constexpr int kThreads = 8;
-  constexpr int kPerThread = 25;
-  std::vector<std::thread> writers;
-  for (int t = 0; t < kThreads; ++t) {
-    writers.emplace_back([t] {
-      for (int i = 0; i < kPerThread; ++i) {
-        const uint8_t data[4] = {static_cast<uint8_t>(t), static_cast<uint8_t>(i), 0xAA, 0x55};
-        EXPECT_TRUE(LogDataFormat(4, data, sizeof data, u"writer %d record %d", t, i));
-      }
-    });
-  }
-  for (std::thread& w : writers) w.join();
-
-  const std::vector<Bytes> records = receiver.WaitFor(kThreads * kPerThread);
-  ASSERT_EQ(records.size(), static_cast<std::size_t>(kThreads * kPerThread));
-  std::vector<int> seen(kThreads * kPerThread, 0);
-  for (const Bytes& r : records) {
-    ASSERT_GE(r.size(), 36u);
-    const logging::RecordHeader h = logging::DecodeRecordHeader(r.data());
-    ASSERT_EQ(r.size(), 32u + h.text_length * 2 + h.data_length);
-    const uint8_t* data = r.data() + 32 + h.text_length * 2;
-    const int t = data[0];
-    const int i = data[1];
-    EXPECT_EQ(TextOf(r), u"writer " + std::u16string(1, u'0' + t) + u" record " +
-                             (i >= 10 ? std::u16string(1, u'0' + i / 10) : std::u16string()) +
-                             std::u16string(1, u'0' + i % 10));
-    ++seen[t * kPerThread + i];
-  }
-  for (int count : seen) EXPECT_EQ(count, 1);
-}
-
 }  // namespace
 }  // namespace orlenda

@@ -46,19 +46,6 @@ TEST(ThreadTest, RunsEntryOnItsOwnThreadAndJoinWaitsForIt) {
   EXPECT_EQ(work.runs.load(), 2);
 }
 
-TEST(ThreadTest, DestructorJoins) {
-  Work works[3];
-  {
-    Thread threads[3];
-    for (int i = 0; i < 3; ++i) ASSERT_TRUE(threads[i].Start(SlowWork, &works[i]));
-  }
-  for (Work& work : works) {
-    EXPECT_TRUE(work.finished);
-    EXPECT_EQ(work.runs.load(), 1);
-  }
-  EXPECT_NE(works[0].thread_id, works[1].thread_id);
-}
-
 TEST(TimeTest, SleepAndTickCountAgree) {
   auto start = std::chrono::steady_clock::now();
   uint32_t tick_start = TickCountMs();
