@@ -53,9 +53,21 @@ uint32_t RunDirPath(const char16_t* name, char* out, std::size_t capacity) {
   return name_length == kConversionFailed ? kErrorInvalidParameter : kErrorSuccess;
 }
 
-uint32_t CreateRunDirectory() {
+uint32_t GetCommonAppDataFolder(FolderVersion /*version*/, char16_t* buffer, std::size_t capacity,
+                                std::size_t* length) {
+  const char* dir = FromEnvironment("ORLENDA_DATA_DIR", kDefaultDataDir);
+  const uint32_t error = CreateDirectories(dir);
+  if (error != kErrorSuccess) return error;
+  const std::size_t n = Utf8ToUtf16(dir, buffer, capacity);
+  if (n == kConversionFailed) return kErrorInvalidParameter;
+  *length = n;
+  return kErrorSuccess;
+}
+
+uint32_t CreateRunDirectory() { return CreateDirectories(RunDirectory()); }
+
+uint32_t CreateDirectories(const char* dir) {
   char path[kRunPathBytes];
-  const char* dir = RunDirectory();
   std::size_t length = std::strlen(dir);
   if (length == 0 || length >= sizeof(path)) return kErrorInvalidParameter;
   std::memcpy(path, dir, length + 1);

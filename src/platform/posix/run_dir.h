@@ -19,6 +19,9 @@ const char* RunDirectory();
 uint32_t RunDirPath(const char16_t* name, char* out, std::size_t capacity);
 
 // mkdir -p of the run directory, mode 0755 for what it creates.
+// Creates `dir` and every missing ancestor (mode 0755). A folder that exists is fine.
+uint32_t CreateDirectories(const char* dir);
+
 uint32_t CreateRunDirectory();
 
 }  // namespace orlenda::platform
