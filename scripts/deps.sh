@@ -2,12 +2,22 @@
 # Installs the Debian packages the build and the tests need, when any is missing.
 #   deps.sh          native build and tests
 #   deps.sh windows  also the MinGW-w64 cross compiler and Wine
+#   deps.sh fuzz     also clang with libFuzzer (scripts/fuzz.sh)
+#   deps.sh bench    also pugixml, the benchmark's point of comparison (scripts/bench.sh)
+# Several of these may be named at once.
 set -euo pipefail
 
 packages=(cmake ninja-build g++ libgtest-dev googletest)
-if [ "${1:-}" = windows ]; then
-  packages+=(g++-mingw-w64-x86-64-posix wine64 wine)
-fi
+for extra in "$@"; do
+  case "$extra" in
+    windows) packages+=(g++-mingw-w64-x86-64-posix wine64 wine) ;;
+    # libclang-rt-14-dev holds libFuzzer and the sanitizer runtimes of bookworm's clang 14.
+    fuzz) packages+=(clang libclang-rt-14-dev) ;;
+    bench) packages+=(libpugixml-dev) ;;
+    "") ;;
+    *) echo "deps.sh: unknown set '$extra'" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for p in "${packages[@]}"; do

@@ -1,16 +1,21 @@
 #!/usr/bin/env bash
 # The whole test suite: native, AddressSanitizer + UndefinedBehaviorSanitizer, ThreadSanitizer, and
-# the Windows build under Wine. Installs missing packages first.
+# the Windows build under Wine; then the XML fuzz targets for a bounded time (scripts/fuzz.sh).
+# Installs missing packages first.
 #   test.sh                 everything
-#   test.sh native asan     only the named presets
+#   test.sh native asan     only the named presets ("fuzz" names the fuzzing step)
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
-presets=("$@")
-[ ${#presets[@]} -eq 0 ] && presets=(native asan tsan mingw)
+presets=()
+fuzz=""
+for p in "${@}"; do
+  if [ "$p" = fuzz ]; then fuzz=fuzz; else presets+=("$p"); fi
+done
+[ $# -eq 0 ] && presets=(native asan tsan mingw) && fuzz=fuzz
 windows=""
 for p in "${presets[@]}"; do [ "$p" = mingw ] && windows=windows; done
-scripts/deps.sh $windows || exit 1
+scripts/deps.sh $windows $fuzz || exit 1
 
 jobs=$(nproc)
 passed=0
@@ -38,6 +43,15 @@ for preset in "${presets[@]}"; do
   fi
   [ "$preset" = mingw ] && ORLENDA_WINEPREFIX="$PWD/build/wineprefix" WINEPREFIX="$PWD/build/wineprefix" wineserver -k 2>/dev/null
 done
+
+if [ -n "$fuzz" ]; then
+  if scripts/fuzz.sh; then
+    passed=$((passed + 1))
+  else
+    failed_presets+=(fuzz)
+    failed=$((failed + 1))
+  fi
+fi
 
 echo
 [ ${#failed_presets[@]} -gt 0 ] && echo "failed: ${failed_presets[*]}"

@@ -1,0 +1,63 @@
+// Feeds arbitrary bytes to XmlDocument::LoadFile through a file (byte-order marks, UTF-16LE with
+// an odd byte count, malformed UTF-8), walks what was read, then saves and loads it again: the
+// second reading must give the same text and the same encoding flags.
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "fuzz/xml_walk.h"
+#include "settings/xml_document.h"
+
+namespace {
+
+// One scratch folder per fuzzing process, removed at exit.
+struct Scratch {
+  std::string dir;
+  std::string input;
+  std::string saved;
+
+  Scratch() {
+    const char* tmp = std::getenv("TMPDIR");
+    std::string pattern = std::string(tmp != nullptr && tmp[0] != 0 ? tmp : "/tmp") +
+                          "/orlenda-fuzz-XXXXXX";
+    if (mkdtemp(&pattern[0]) == nullptr) orlenda::fuzz::Fail("cannot create a scratch folder");
+    dir = pattern;
+    input = dir + "/input.xml";
+    saved = dir + "/saved.xml";
+  }
+  ~Scratch() {
+    std::remove(input.c_str());
+    std::remove(saved.c_str());
+    rmdir(dir.c_str());
+  }
+};
+
+orlenda::WString WidePath(const std::string& path) { return orlenda::Utf8ToWide(path); }
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+  using namespace orlenda;
+  static Scratch scratch;
+
+  FILE* file = std::fopen(scratch.input.c_str(), "wb");
+  if (file == nullptr) fuzz::Fail("cannot write the input file");
+  if (size > 0 && std::fwrite(data, 1, size, file) != size) fuzz::Fail("short write");
+  std::fclose(file);
+
+  XmlDocument doc;
+  (void)doc.LoadFile(WidePath(scratch.input));
+  (void)doc.GetReport();
+  fuzz::WalkAll(&doc, false);
+
+  fuzz::Check(doc.SaveFile(WidePath(scratch.saved)), "save to the scratch folder");
+  XmlDocument again;
+  (void)again.LoadFile(WidePath(scratch.saved));
+  fuzz::Check(again.GetText() == doc.GetText(), "a saved document reads back as the same text");
+  fuzz::Check(again.flags() == doc.flags(), "a saved document keeps its encoding");
+  return 0;
+}

@@ -1,0 +1,249 @@
+#include "settings/property_handler.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "logging/log.h"
+#include "platform/paths.h"
+#include "support/isolated_dirs.h"
+
+namespace orlenda {
+namespace {
+
+WString platform_separator() { return WString(1, platform::PathSeparator()); }
+
+std::filesystem::path FsPath(const WString& path) { return std::filesystem::path(std::u16string(path)); }
+
+std::string ReadBytes(const WString& path) {
+  std::ifstream in(FsPath(path), std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+void WriteBytes(const WString& path, const std::string& bytes) {
+  std::filesystem::create_directories(FsPath(path).parent_path());
+  std::ofstream out(FsPath(path), std::ios::binary | std::ios::trunc);
+  out << bytes;
+}
+
+class PropertyStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override { testing::UseIsolatedDirs(); }
+
+  // A store file of this test's own, absent at the start.
+  WString FreshName() {
+    const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    WString name = Utf8ToWide(std::string(info->name()) + ".properties");
+    CPropertyHandler probe(name);
+    std::filesystem::remove(FsPath(probe.file_path()));
+    std::filesystem::remove(FsPath(probe.file_path() + u".bad"));
+    return name;
+  }
+};
+
+TEST_F(PropertyStoreTest, NestedGroupsAreCreatedAndWrittenAtOnce) {
+  const WString name = FreshName();
+  CPropertyHandler store(name);
+  const WString expected_path_end = WString(u"Morvane") + platform_separator() + u"Orlenda" + platform_separator() + name;
+  EXPECT_EQ(store.file_path().substr(store.file_path().size() - expected_path_end.size()), expected_path_end);
+  EXPECT_FALSE(std::filesystem::exists(FsPath(store.file_path())));  // nothing written before a change
+
+  ASSERT_TRUE(store.SetString(u"A/B/C", u"value <&>"));
+  CPropertyHandler reread(name);
+  WString value;
+  ASSERT_TRUE(reread.GetString(u"/A//B/C/", &value));
+  EXPECT_EQ(value, u"value <&>");
+  HeapVector<WString> groups;
+  reread.EnumerateGroups(u"A", &groups);
+  ASSERT_EQ(groups.size(), 1u);
+  EXPECT_EQ(groups[0], u"B");
+  const std::string text = ReadBytes(store.file_path());
+  EXPECT_NE(text.find("<type value=\"A\""), std::string::npos) << text;
+  EXPECT_NE(text.find("<property id=\"C\" type=\"string\" value=\"value &lt;&amp;&gt;\"/>"), std::string::npos)
+      << text;
+  EXPECT_LT(text.find("value=\"A\""), text.find("value=\"B\""));
+}
+
+TEST_F(PropertyStoreTest, TypedValuesReadBackAsStored) {
+  CPropertyHandler store(FreshName());
+  ASSERT_TRUE(store.SetNumber(u"TCP_PING_INTERVAL", 500));
+  ASSERT_TRUE(store.SetString(u"g/odd", u"12abc"));
+  ASSERT_TRUE(store.SetString(u"g/huge", u"99999999999"));
+  uint32_t number = 0;
+  ASSERT_TRUE(store.GetNumber(u"TCP_PING_INTERVAL", &number));
+  EXPECT_EQ(number, 500u);
+  // Another type is not found: a string is not read as a number.
+  EXPECT_FALSE(store.GetNumber(u"g/odd", &number));
+
+  // Numbers stop at the first non-digit and saturate, as a hand-edited file may hold.
+  CPropertyHandler edited(reinterpret_cast<const uint8_t*>(
+                              "<xmlroot><property id=\"a\" type=\"number\" value=\"12abc\"/>"
+                              "<property id=\"b\" type=\"number\" value=\"99999999999\"/>"
+                              "<property id=\"c\" type=\"number\" value=\"x\"/></xmlroot>"),
+                          std::strlen("<xmlroot><property id=\"a\" type=\"number\" value=\"12abc\"/>"
+                                      "<property id=\"b\" type=\"number\" value=\"99999999999\"/>"
+                                      "<property id=\"c\" type=\"number\" value=\"x\"/></xmlroot>"));
+  ASSERT_TRUE(edited.GetNumber(u"a", &number));
+  EXPECT_EQ(number, 12u);
+  ASSERT_TRUE(edited.GetNumber(u"b", &number));
+  EXPECT_EQ(number, 4294967295u);
+  ASSERT_TRUE(edited.GetNumber(u"c", &number));
+  EXPECT_EQ(number, 0u);
+
+  BlobRef big = BlobRef::Adopt(BlobCreate(5000));
+  for (uint64_t i = 0; i < big.size(); ++i) big.data()[i] = static_cast<uint8_t>(i * 7);
+  ASSERT_TRUE(store.SetBinary(u"bin", big.get()));
+  BlobRef back;
+  ASSERT_TRUE(store.GetBinary(u"bin", &back));
+  ASSERT_TRUE(back);
+  ASSERT_EQ(back.size(), CPropertyHandler::kMaxBinaryBytes);
+  EXPECT_EQ(std::memcmp(back.data(), big.data(), CPropertyHandler::kMaxBinaryBytes), 0);
+
+  ASSERT_TRUE(store.SetBinary(u"empty", nullptr));
+  back = BlobRef::Adopt(BlobCreate(1));
+  ASSERT_TRUE(store.GetBinary(u"empty", &back));
+  EXPECT_FALSE(back);
+}
+
+TEST_F(PropertyStoreTest, TypeConflictChangesNothing) {
+  CPropertyHandler store(FreshName());
+  ASSERT_TRUE(store.SetString(u"port/PortType", u"NAVPRT"));
+  const std::string before = ReadBytes(store.file_path());
+  EXPECT_FALSE(store.SetNumber(u"port/PortType", 5));
+  EXPECT_EQ(ReadBytes(store.file_path()), before);
+  WString value;
+  ASSERT_TRUE(store.GetString(u"port/PortType", &value));
+  EXPECT_EQ(value, u"NAVPRT");
+}
+
+TEST_F(PropertyStoreTest, DeleteTakesThePropertyBeforeTheGroup) {
+  CPropertyHandler store(FreshName());
+  ASSERT_TRUE(store.SetString(u"x", u"property"));
+  ASSERT_TRUE(store.SetString(u"x/inner", u"in the group"));
+  ASSERT_TRUE(store.Delete(u"x"));
+  WString value;
+  EXPECT_FALSE(store.GetString(u"x", &value));
+  ASSERT_TRUE(store.GetString(u"x/inner", &value));
+  ASSERT_TRUE(store.Delete(u"x"));  // now the group, with everything in it
+  EXPECT_FALSE(store.GetString(u"x/inner", &value));
+  EXPECT_FALSE(store.Delete(u"x"));
+}
+
+TEST_F(PropertyStoreTest, ExportReplaceAndImportGroups) {
+  CPropertyHandler store(FreshName());
+  ASSERT_TRUE(store.SetString(u"empty/sub/p", u"1"));
+  WString xml;
+  ASSERT_TRUE(store.ExportGroup(u"empty", &xml));
+  EXPECT_EQ(xml, u"<xmlroot></xmlroot>");
+
+  ASSERT_TRUE(store.SetString(u"P/a", u"1"));
+  ASSERT_TRUE(store.SetNumber(u"P/b", 2));
+  ASSERT_TRUE(store.ExportGroup(u"P", &xml));
+  EXPECT_EQ(xml,
+            u"<xmlroot><property id=\"a\" type=\"string\" value=\"1\"/>"
+            u"<property id=\"b\" type=\"number\" value=\"2\"/></xmlroot>");
+
+  ASSERT_TRUE(store.ReplaceGroup(u"Q/R", View(xml)));
+  uint32_t number = 0;
+  ASSERT_TRUE(store.GetNumber(u"Q/R/b", &number));
+  EXPECT_EQ(number, 2u);
+
+  ASSERT_TRUE(store.ImportProperties(
+      u"<xmlroot><property id=\"ConfigurationPath\" type=\"string\" value=\"/P/\"/>"
+      u"<property id=\"a\" type=\"string\" value=\"new\" extra=\"kept\"/>"
+      u"<property id=\"c\" type=\"number\" value=\"3\"/></xmlroot>"));
+  WString value;
+  ASSERT_TRUE(store.GetString(u"P/a", &value));
+  EXPECT_EQ(value, u"new");
+  ASSERT_TRUE(store.GetNumber(u"P/c", &number));
+  EXPECT_EQ(number, 3u);
+  EXPECT_FALSE(store.GetString(u"P/ConfigurationPath", &value));
+  ASSERT_TRUE(store.ExportGroup(u"P", &xml));
+  EXPECT_NE(xml.find(u"extra=\"kept\""), WString::npos);
+  EXPECT_EQ(xml.find(u"value=\"1\""), WString::npos);  // the old "a" gave way
+  EXPECT_FALSE(store.ImportProperties(u"<a/><b/>"));
+}
+
+TEST_F(PropertyStoreTest, PropertiesInRequestTexts) {
+  WString xml = u"<xmlroot><property id=\"PortName\" type=\"string\" value=\"COM&amp;1\"/>"
+                u"<property id=\"PortType\" type=\"string\" value=\"T\"/></xmlroot>";
+  WString value;
+  ASSERT_TRUE(CPropertyHandler::FindPropertyInText(View(xml), u"PortName", &value));
+  EXPECT_EQ(value, u"COM&1");
+  EXPECT_FALSE(CPropertyHandler::FindPropertyInText(View(xml), u"Missing", &value));
+  ASSERT_TRUE(CPropertyHandler::RemovePropertyFromText(&xml, u"PortName"));
+  EXPECT_FALSE(CPropertyHandler::FindPropertyInText(View(xml), u"PortName", &value));
+  ASSERT_TRUE(CPropertyHandler::FindPropertyInText(View(xml), u"PortType", &value));
+  EXPECT_FALSE(CPropertyHandler::RemovePropertyFromText(&xml, u"PortName"));
+}
+
+TEST_F(PropertyStoreTest, UnusableFileStaysUntilTheFirstChangeThenIsKeptAsBad) {
+  const WString name = FreshName();
+  WString path;
+  {
+    CPropertyHandler probe(name);
+    path = probe.file_path();
+  }
+  const std::string broken = "this is not XML <<<";
+  WriteBytes(path, broken);
+  CPropertyHandler store(name);
+  WString value;
+  EXPECT_FALSE(store.GetString(u"anything", &value));
+  EXPECT_EQ(ReadBytes(path), broken);  // untouched before any change
+  EXPECT_FALSE(std::filesystem::exists(FsPath(path + u".bad")));
+
+  ASSERT_TRUE(store.SetString(u"k", u"v"));
+  EXPECT_EQ(ReadBytes(path + u".bad"), broken);
+  CPropertyHandler reread(name);
+  ASSERT_TRUE(reread.GetString(u"k", &value));
+  EXPECT_EQ(value, u"v");
+}
+
+// Merging settings documents. With no log service running, every trace line is counted as lost,
+// which tells how many conflict lines a merge wrote.
+TEST(MergeDocuments, SecondAddsButNeverOverrides) {
+  testing::UseIsolatedDirs();
+  WString first =
+      u"<xmlroot><ui language=\"en\" label=\"First\"/>"
+      u"<choice id=\"A\" default=\"x\"><option value=\"x\"/></choice>"
+      u"<range id=\"R\" default=\"5\" min=\"1\"/></xmlroot>";
+  const WString second =
+      u"<xmlroot><ui language=\"en\" label=\"Second\" tooltip=\"tip\"/>"
+      u"<choice id=\"A\"><option value=\"x\"><property id=\"p\" type=\"number\" value=\"1\"/></option>"
+      u"<option value=\"y\"/></choice>"
+      u"<choice id=\"B\" default=\"z\"><option value=\"z\"/></choice>"
+      u"<range id=\"R\" default=\"9\"/><item id=\"dropped\"/></xmlroot>";
+  const uint32_t lost_before = LostMessageCount();
+  ASSERT_TRUE(CPropertyHandler::MergeDocuments(&first, View(second)));
+  EXPECT_EQ(LostMessageCount() - lost_before, 2u);  // ui label and range default
+
+  XmlDocument merged;
+  merged.ParseText(View(first));
+  EXPECT_TRUE(merged.HasValidRoot()) << std::string(WideToUtf8(merged.GetReport()).c_str());
+  ASSERT_TRUE(merged.FindSibling(u"/xmlroot/ui"));
+  EXPECT_EQ(merged.GetAttribute(u"label"), u"First");
+  EXPECT_EQ(merged.GetAttribute(u"tooltip"), u"tip");
+  merged.ResetAll();
+  ASSERT_TRUE(merged.FindSibling(u"/xmlroot/range"));
+  EXPECT_EQ(merged.GetAttribute(u"default"), u"5");
+  EXPECT_EQ(first.find(u"item"), WString::npos);
+  EXPECT_NE(first.find(u"<choice id=\"B\" default=\"z\"><option value=\"z\"/></choice>"), WString::npos);
+  EXPECT_NE(first.find(u"<option value=\"y\"/>"), WString::npos);
+  EXPECT_NE(first.find(u"<property id=\"p\" type=\"number\" value=\"1\"/>"), WString::npos);
+}
+
+TEST(MergeDocuments, EmptyFirstTakesTheSecondAsItIs) {
+  WString first;
+  const WString second = u"<not well formed";
+  ASSERT_TRUE(CPropertyHandler::MergeDocuments(&first, View(second)));
+  EXPECT_EQ(first, second);
+}
+
+}  // namespace
+}  // namespace orlenda

@@ -1,0 +1,80 @@
+#include "settings/property_path.h"
+
+#include "platform/paths.h"
+
+namespace orlenda {
+
+HeapVector<WString> SplitPropertyPath(WStringView path) {
+  HeapVector<WString> components;
+  std::size_t start = 0;
+  while (start <= path.size()) {
+    std::size_t end = path.find(u'/', start);
+    if (end == WStringView::npos) end = path.size();
+    if (end > start) components.emplace_back(path.substr(start, end - start));
+    start = end + 1;
+  }
+  return components;
+}
+
+uint32_t ParseDecimal(WStringView text) {
+  uint64_t value = 0;
+  for (char16_t c : text) {
+    if (c < u'0' || c > u'9') break;
+    value = value * 10 + static_cast<uint64_t>(c - u'0');
+    if (value > 0xFFFFFFFFull) return 0xFFFFFFFFu;
+  }
+  return static_cast<uint32_t>(value);
+}
+
+WString FormatDecimal(uint32_t value) {
+  char16_t digits[10];
+  std::size_t n = 0;
+  do {
+    digits[n++] = static_cast<char16_t>(u'0' + value % 10);
+    value /= 10;
+  } while (value != 0);
+  WString text;
+  while (n > 0) text.push_back(digits[--n]);
+  return text;
+}
+
+void AppendPathComponent(WString* path, WStringView component) {
+  const char16_t separator = platform::PathSeparator();
+  if (!path->empty() && path->back() != separator && path->back() != u'/') path->push_back(separator);
+  path->append(component);
+}
+
+bool FindElementWith(XmlDocument* document, WStringView element, WStringView attribute, WStringView value) {
+  document->ResetMain();
+  while (document->FindSibling(element)) {
+    if (document->GetAttribute(attribute) == value) return true;
+  }
+  return false;
+}
+
+WStringView RootContent(const XmlDocument& document) {
+  const WString& text = document.GetText();
+  const XmlRange element = document.ElementRange(document.main_position());
+  const std::size_t end_of_element = element.offset + element.length;
+  // The start tag ends at the first ">" outside a quoted attribute value.
+  std::size_t i = element.offset + 1;
+  char16_t quote = 0;
+  for (; i < end_of_element; ++i) {
+    const char16_t c = text[i];
+    if (quote != 0) {
+      if (c == quote) quote = 0;
+    } else if (c == u'"' || c == u'\'') {
+      quote = c;
+    } else if (c == u'>') {
+      break;
+    }
+  }
+  if (i >= end_of_element || text[i - 1] == u'/') return WStringView();
+  const std::size_t content_start = i + 1;
+  // The end tag is the last "<" of the element.
+  const std::size_t end_tag = WStringView(text).substr(0, end_of_element).rfind(u'<');
+  if (end_tag == WStringView::npos || end_tag < content_start) return WStringView();
+  return WStringView(text).substr(content_start, end_tag - content_start);
+}
+
+}  // namespace orlenda

@@ -1,0 +1,558 @@
+// XmlDocument: parse findings, navigation, attributes, edits and their effect on the index.
+#include "settings/xml_document.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace orlenda {
+namespace {
+
+WString W(const char16_t* s) { return WString(s); }
+std::string U8(const WString& s) { return std::string(WideToUtf8(View(s)).c_str()); }
+
+// One element as the index sees it, with links given as positions in document order so that two
+// indexes built in different ways can be compared.
+struct Snapshot {
+  std::size_t offset, tag_length, total_length;
+  bool ill_formed;
+  long parent, first_child, next_sibling, prev_sibling;
+  bool operator==(const Snapshot& o) const {
+    return offset == o.offset && tag_length == o.tag_length && total_length == o.total_length &&
+           ill_formed == o.ill_formed && parent == o.parent && first_child == o.first_child &&
+           next_sibling == o.next_sibling && prev_sibling == o.prev_sibling;
+  }
+};
+
+// Walks every element in document order without recursion.
+std::vector<XmlDocument::ElementId> DocumentOrder(const XmlDocument& doc) {
+  std::vector<XmlDocument::ElementId> order;
+  XmlDocument::ElementId id = doc.Links(0).first_child;
+  while (id != 0) {
+    order.push_back(id);
+    auto links = doc.Links(id);
+    if (links.first_child != 0) {
+      id = links.first_child;
+      continue;
+    }
+    while (id != 0 && doc.Links(id).next_sibling == 0) id = doc.Links(id).parent;
+    if (id != 0) id = doc.Links(id).next_sibling;
+  }
+  return order;
+}
+
+std::vector<Snapshot> TakeSnapshot(const XmlDocument& doc) {
+  const std::vector<XmlDocument::ElementId> order = DocumentOrder(doc);
+  std::unordered_map<XmlDocument::ElementId, long> position;
+  for (std::size_t i = 0; i < order.size(); ++i) position[order[i]] = static_cast<long>(i);
+  auto ordinal = [&](XmlDocument::ElementId id) -> long {
+    if (id == 0) return -1;
+    auto found = position.find(id);
+    return found == position.end() ? -2 : found->second;  // -2: a link out of the tree
+  };
+  std::vector<Snapshot> out;
+  for (XmlDocument::ElementId id : order) {
+    const auto links = doc.Links(id);
+    out.push_back({doc.ElementRange(id).offset, doc.StartTagRange(id).length,
+                   doc.ElementRange(id).length, doc.IsIllFormed(id), ordinal(links.parent),
+                   ordinal(links.first_child), ordinal(links.next_sibling),
+                   ordinal(links.prev_sibling)});
+  }
+  return out;
+}
+
+// The edited document's index must be what a fresh parse of its text gives.
+void ExpectSameAsReparse(const XmlDocument& doc, const std::string& step) {
+  XmlDocument fresh;
+  fresh.ParseText(View(doc.GetText()));
+  EXPECT_TRUE(TakeSnapshot(doc) == TakeSnapshot(fresh)) << step << ":\n" << U8(doc.GetText());
+}
+
+// ---- parse findings ---------------------------------------------------------------------------
+
+// Every prefix of one document, by ranges of prefix lengths that give the same report.
+TEST(XmlParse, EveryTruncatedPrefix) {
+  const WString doc =
+      u"<?xml version=\"1.0\"?>\r\n<a x=\"1\"><!-- c --><b>t&amp;</b><![CDATA[z]]><c/></a>";
+  const WString kA = u"Element 'a' at offset 23 not ended";
+  const WString kB = u", Element 'b' at offset 42 not ended";
+  struct Row {
+    std::size_t from, to;
+    WString report;
+  };
+  const std::vector<Row> rows = {
+      {0, 0, u"Empty document"},
+      {1, 1, u"tag at offset 0 unterminated, No root element"},
+      {2, 20, u"Processing instruction at offset 0 unterminated, No root element"},
+      {21, 23, u"No root element"},
+      {24, 24, u"tag at offset 23 unterminated, No root element"},
+      {25, 31, u"Element tag at offset 23 unterminated, No root element"},
+      {32, 32, kA},
+      {33, 34, u"tag at offset 32 unterminated, " + kA},
+      {35, 41, u"Comment at offset 32 unterminated, " + kA},
+      {42, 42, kA},
+      {43, 43, u"tag at offset 42 unterminated, " + kA},
+      {44, 44, u"Element tag at offset 42 unterminated, " + kA},
+      {45, 51, kA + kB},
+      {52, 52, u"tag at offset 51 unterminated, " + kA + kB},
+      {53, 54, u"Element end tag at offset 51 unterminated, " + kA + kB},
+      {55, 55, kA},
+      {56, 57, u"tag at offset 55 unterminated, " + kA},
+      {58, 67, u"CDATA Section at offset 55 unterminated, " + kA},
+      {68, 68, kA},
+      {69, 69, u"tag at offset 68 unterminated, " + kA},
+      {70, 71, u"Element tag at offset 68 unterminated, " + kA},
+      {72, 72, kA},
+      {73, 73, u"tag at offset 72 unterminated, " + kA},
+      {74, 75, u"Element end tag at offset 72 unterminated, " + kA},
+      {76, 76, u""},
+  };
+  ASSERT_EQ(doc.size(), 76u);
+  std::size_t covered = 0;
+  for (const Row& row : rows) {
+    ASSERT_EQ(row.from, covered);
+    for (std::size_t n = row.from; n <= row.to; ++n, ++covered) {
+      XmlDocument x;
+      EXPECT_EQ(x.ParseText(WStringView(doc.data(), n)), n == doc.size()) << n;
+      EXPECT_EQ(U8(x.GetReport()), U8(row.report)) << "prefix of " << n;
+      // The root survives as far as it was read; it is valid only when complete.
+      EXPECT_EQ(x.HasValidRoot(), n == doc.size()) << n;
+    }
+  }
+  EXPECT_EQ(covered, doc.size() + 1);
+}
+
+TEST(XmlParse, FindingsWithOffsets) {
+  struct Case {
+    const char16_t* text;
+    const char16_t* report;
+    bool valid_root;
+  };
+  const Case cases[] = {
+      {u"<a><1/></a>", u"Incorrect tag name character at offset 4", false},
+      {u"<a>< b/></a>", u"Incorrect tag name character at offset 4", false},
+      {u"<a><!x></a>", u"Incorrect ! tag at offset 3", false},
+      {u"<a><![CDATX[ ]]></a>", u"Incorrect ! tag at offset 3", false},
+      {u"<a><!-x--></a>", u"Incorrect comment tag at offset 3", false},
+      {u"<a><b></a>", u"End tag 'a' at offset 6 does not match start tag 'b' at offset 3", true},
+      {u"<a><b></c></b></a>", u"End tag 'c' at offset 6 does not match start tag 'b' at offset 3",
+       true},
+      {u"</x><a/>", u"No start tag for end tag 'x' at offset 0", true},
+      {u"<a><b>", u"Element 'a' at offset 0 not ended, Element 'b' at offset 3 not ended", false},
+      {u"<a><!DOCTYPE", u"Doctype at offset 3 unterminated, Element 'a' at offset 0 not ended",
+       false},
+      {u"", u"Empty document", false},
+      {u"<!-- only a comment -->", u"No root element", false},
+      {u"  text only  ", u"No root element", false},
+      {u"<a/><b/>", u"Root element has sibling", false},
+      {u"<a/><!-- c --><b></b>", u"Root element has sibling", false},
+      // Accepted: ">" inside quotes, white space in end tags, a declaration with an internal
+      // subset that holds ">", processing instructions, text and CDATA at any place.
+      {u"<?xml version='1.0'?><!DOCTYPE a [<!ENTITY x '>'>]><a q='>' r=\"/>\">x<![CDATA[<]]></a >",
+       u"", true},
+  };
+  for (const Case& c : cases) {
+    XmlDocument doc;
+    EXPECT_EQ(doc.ParseText(c.text), *c.report == 0) << U8(W(c.text));
+    EXPECT_EQ(U8(doc.GetReport()), U8(W(c.report))) << U8(W(c.text));
+    EXPECT_EQ(doc.HasValidRoot(), c.valid_root) << U8(W(c.text));
+  }
+}
+
+TEST(XmlParse, RecoveryFlagsOnlyTheElementsConcerned) {
+  XmlDocument doc;
+  // "</a>" closes "b" (left open by mistake) where the end tag begins, then "a" itself.
+  EXPECT_FALSE(doc.ParseText(u"<a><b><c/></a>"));
+  ASSERT_TRUE(doc.FindSibling(u"a"));
+  EXPECT_FALSE(doc.IsIllFormed(doc.main_position()));
+  EXPECT_EQ(doc.ElementRange(doc.main_position()).length, 14u);
+  ASSERT_TRUE(doc.Descend() && doc.FindSibling(u"b"));
+  EXPECT_TRUE(doc.IsIllFormed(doc.main_position()));
+  EXPECT_EQ(doc.ElementRange(doc.main_position()).offset, 3u);
+  EXPECT_EQ(doc.ElementRange(doc.main_position()).length, 7u);  // "<b><c/>"
+  ASSERT_TRUE(doc.Descend() && doc.FindSibling(u"c"));
+  EXPECT_FALSE(doc.IsIllFormed(doc.main_position()));
+
+  // A stray end tag that matches nothing open is skipped; the parse goes on.
+  EXPECT_FALSE(doc.ParseText(u"<a><b></x></b><c/></a>"));
+  EXPECT_TRUE(doc.FindSibling(u"/a/c"));
+}
+
+// ---- navigation -------------------------------------------------------------------------------
+
+const char16_t kTree[] =
+    u"<r>\r\n  <b n=\"1\"/>\r\n  <c/>\r\n  <b n=\"2\"><d/><B/><d k=\"x\"/></b>\r\n</r>";
+
+TEST(XmlNavigate, FindSiblingDescendAscend) {
+  XmlDocument doc;
+  ASSERT_TRUE(doc.ParseText(kTree));
+  EXPECT_FALSE(doc.Ascend());  // already at document level
+  EXPECT_FALSE(doc.Descend());  // no main element yet
+  EXPECT_FALSE(doc.FindSibling(u"b"));  // not at document level
+  ASSERT_TRUE(doc.FindSibling(u"r"));
+  const auto root = doc.main_position();
+  ASSERT_TRUE(doc.Descend());
+  EXPECT_EQ(doc.parent_position(), root);
+  EXPECT_EQ(doc.main_position(), 0u);
+  ASSERT_TRUE(doc.FindSibling(u"b"));
+  EXPECT_EQ(doc.GetAttribute(u"n"), W(u"1"));
+  ASSERT_TRUE(doc.FindSibling(u"b"));  // goes on from the main position
+  EXPECT_EQ(doc.GetAttribute(u"n"), W(u"2"));
+  const auto second_b = doc.main_position();
+  EXPECT_FALSE(doc.FindSibling(u"b"));
+  EXPECT_EQ(doc.main_position(), second_b);  // a failed find leaves the cursor alone
+  doc.ResetMain();
+  ASSERT_TRUE(doc.FindSibling(u""));  // any element
+  EXPECT_EQ(doc.ElementName(doc.main_position()), W(u"b"));
+  ASSERT_TRUE(doc.FindSibling(u""));
+  EXPECT_EQ(doc.ElementName(doc.main_position()), W(u"c"));
+  ASSERT_TRUE(doc.FindSibling(u"b") && doc.Descend());
+  EXPECT_TRUE(doc.FindSibling(u"B"));  // names are case-sensitive: "B" is the second child
+  EXPECT_EQ(doc.ElementRange(doc.main_position()).offset, 42u);
+  EXPECT_FALSE(doc.Descend() && doc.FindSibling(u""));  // "B" is empty
+  ASSERT_TRUE(doc.Ascend());  // back from inside "B"
+  ASSERT_TRUE(doc.Ascend());
+  EXPECT_EQ(doc.main_position(), second_b);
+  EXPECT_EQ(doc.parent_position(), root);
+  doc.ResetAll();
+  EXPECT_EQ(doc.parent_position() | doc.main_position() | doc.child_position(), 0u);
+  EXPECT_TRUE(doc.FindSibling(u"r"));
+}
+
+TEST(XmlNavigate, PathsAndElementPath) {
+  XmlDocument doc;
+  ASSERT_TRUE(doc.ParseText(kTree));
+  ASSERT_TRUE(doc.FindSibling(u"/r/b[2]/d[2]"));
+  EXPECT_EQ(doc.GetAttribute(u"k"), W(u"x"));
+  EXPECT_EQ(doc.ElementName(doc.parent_position()), W(u"b"));
+  EXPECT_EQ(doc.ElementPath(doc.main_position()), W(u"/r/b[2]/d[2]"));
+  // A relative path starts at the current level; the cursor ends on the last step's element.
+  doc.ResetAll();
+  ASSERT_TRUE(doc.FindSibling(u"r") && doc.Descend());
+  ASSERT_TRUE(doc.FindSibling(u"b[2]/B"));
+  EXPECT_EQ(doc.ElementPath(doc.main_position()), W(u"/r/b[2]/B"));
+  const auto before = doc.main_position();
+  for (const char16_t* bad : {u"/r/b[3]", u"/r/b[0]", u"/r/b[x]", u"/r/b[", u"/x", u"/", u"r b"}) {
+    EXPECT_FALSE(doc.FindSibling(bad)) << U8(W(bad));
+    EXPECT_EQ(doc.main_position(), before);
+  }
+  // Every element's path leads back to it.
+  doc.ResetAll();
+  for (auto id : DocumentOrder(doc)) {
+    const WString path = doc.ElementPath(id);
+    ASSERT_TRUE(doc.FindSibling(path)) << U8(path);
+    EXPECT_EQ(doc.main_position(), id) << U8(path);
+  }
+  EXPECT_EQ(doc.ElementPath(0), W(u""));
+}
+
+// ---- attributes -------------------------------------------------------------------------------
+
+TEST(XmlAttributes, ReadDecodesReferences) {
+  XmlDocument doc;
+  ASSERT_TRUE(doc.ParseText(
+      u"<a v=\"&#65;&#x41;&foo;&#0;&#12345678;&lt;&amp;&gt;&apos;&quot;\" s='it&apos;s \"x\"'"
+      u" e=\"\" spaced = \"1\"/>"));
+  EXPECT_EQ(doc.GetAttribute(u"v"), W(u""));  // no main element yet
+  ASSERT_TRUE(doc.FindSibling(u"a"));
+  EXPECT_EQ(doc.GetAttribute(u"v"), W(u"AA&foo;&#0;&#12345678;<&>'\""));
+  EXPECT_EQ(doc.GetAttribute(u"s"), W(u"it's \"x\""));
+  EXPECT_EQ(doc.GetAttribute(u"spaced"), W(u"1"));
+  XmlRange range;
+  ASSERT_TRUE(doc.FindAttribute(u"e", &range));
+  EXPECT_EQ(range.length, 0u);
+  EXPECT_EQ(doc.GetText()[range.offset], u'"');  // the closing quote
+  EXPECT_FALSE(doc.FindAttribute(u"E", &range));
+  EXPECT_FALSE(doc.FindAttribute(u"spac", &range));  // whole names only
+  std::vector<WString> names;
+  for (std::size_t i = 0; !doc.AttributeNameAt(doc.main_position(), i).empty(); ++i) {
+    names.push_back(doc.AttributeNameAt(doc.main_position(), i));
+  }
+  EXPECT_EQ(names, (std::vector<WString>{u"v", u"s", u"e", u"spaced"}));
+  EXPECT_EQ(doc.AttributeNameAt(0, 0), W(u""));
+}
+
+TEST(XmlAttributes, SetReplacesOrAppends) {
+  XmlDocument doc;
+  ASSERT_TRUE(doc.ParseText(u"<r><a x='1' y=\"2\" /><b/></r>"));
+  EXPECT_FALSE(doc.SetAttribute(u"x", u"1"));  // no main element
+  ASSERT_TRUE(doc.FindSibling(u"/r/a"));
+  ASSERT_TRUE(doc.SetAttribute(u"x", u"<\"&'>"));
+  ASSERT_TRUE(doc.SetAttribute(u"z", u"new"));
+  ASSERT_TRUE(doc.SetAttribute(u"y", u""));
+  EXPECT_FALSE(doc.SetAttribute(u"bad name", u"v"));
+  EXPECT_FALSE(doc.SetAttribute(u"", u"v"));
+  EXPECT_EQ(doc.GetText(),
+            W(u"<r><a x=\"&lt;&quot;&amp;&apos;&gt;\" y=\"\" z=\"new\" /><b/></r>"));
+  EXPECT_EQ(doc.GetAttribute(u"x"), W(u"<\"&'>"));
+  ExpectSameAsReparse(doc, "set on a");
+  ASSERT_TRUE(doc.FindSibling(u"b") && doc.SetAttribute(u"k", u"v"));
+  EXPECT_EQ(doc.GetText().substr(doc.ElementRange(doc.main_position()).offset), W(u"<b k=\"v\"/></r>"));
+  ExpectSameAsReparse(doc, "set on b");
+}
+
+// ---- edits ------------------------------------------------------------------------------------
+
+TEST(XmlEdit, AppendElementLayout) {
+  XmlDocument doc;
+  EXPECT_TRUE(doc.AppendElement(u"root", u"", 0));  // the first element of an empty document
+  EXPECT_EQ(doc.GetText(), W(u"<root/>"));
+  ASSERT_TRUE(doc.Descend());
+  ASSERT_TRUE(doc.AppendElement(u"a", u"", 0));
+  ASSERT_TRUE(doc.AppendElement(u"b", u"x<&>y", 0));
+  doc.ResetMain();
+  ASSERT_TRUE(doc.AppendElement(u"c", u"", kXmlAppendBlankBeforeSlash));  // after the last
+  ASSERT_TRUE(doc.FindSibling(u"/root/a"));
+  ASSERT_TRUE(doc.AppendElement(u"d", u"", 0));  // right after "a"
+  EXPECT_EQ(doc.GetText(),
+            W(u"<root>\r\n  <a/>\r\n  <d/>\r\n  <b>x&lt;&amp;&gt;y</b>\r\n  <c />\r\n</root>"));
+  ExpectSameAsReparse(doc, "appended");
+  // Deeper levels take one more indentation step; a parent indented by tabs gives tabs.
+  ASSERT_TRUE(doc.FindSibling(u"/root/b") && doc.Descend() && doc.AppendElement(u"e", u"", 0));
+  EXPECT_EQ(doc.ElementPath(doc.main_position()), W(u"/root/b/e"));
+  EXPECT_NE(doc.GetText().find(u"<b>x&lt;&amp;&gt;y\r\n    <e/>\r\n  </b>"), WString::npos);
+  ExpectSameAsReparse(doc, "appended deeper");
+  ASSERT_TRUE(doc.ParseText(u"<r>\r\n\t<p/>\r\n</r>"));
+  ASSERT_TRUE(doc.FindSibling(u"/r/p") && doc.Descend() && doc.AppendElement(u"q", u"", 0));
+  EXPECT_EQ(doc.GetText(), W(u"<r>\r\n\t<p>\r\n\t\t<q/>\r\n\t</p>\r\n</r>"));
+  // Names that would not read back as the same element are refused.
+  for (const char16_t* bad : {u"", u"a b", u"1a", u"a/b", u"a>", u"a=b"}) {
+    EXPECT_FALSE(doc.AppendElement(bad, u"", 0)) << U8(W(bad));
+  }
+  // After a declaration and in a compact document each element still gets a line of its own.
+  ASSERT_FALSE(doc.ParseText(u"<?xml version=\"1.0\"?>"));
+  ASSERT_TRUE(doc.AppendElement(u"r", u"", 0));
+  EXPECT_EQ(doc.GetText(), W(u"<?xml version=\"1.0\"?>\r\n<r/>"));
+  ASSERT_TRUE(doc.ParseText(u"<r><a/><b/></r>"));
+  ASSERT_TRUE(doc.FindSibling(u"/r/a") && doc.AppendElement(u"n", u"", 0));
+  EXPECT_EQ(doc.GetText(), W(u"<r><a/>\r\n<n/>\r\n<b/></r>"));
+  ExpectSameAsReparse(doc, "compact");
+}
+
+TEST(XmlEdit, RemoveElementTakesItsLine) {
+  XmlDocument doc;
+  ASSERT_TRUE(doc.ParseText(u"<r>\r\n  <p id=\"1\"/>\r\n  <q><p/></q>\r\n  <p id=\"2\"><x/></p>\r\n</r>"));
+  EXPECT_FALSE(doc.RemoveElement());  // no main element
+  ASSERT_TRUE(doc.FindSibling(u"r") && doc.Descend());
+  // The usual loop: find, remove, find the next.
+  int removed = 0;
+  while (doc.FindSibling(u"p")) {
+    ASSERT_TRUE(doc.RemoveElement());
+    ++removed;
+    ExpectSameAsReparse(doc, "removed p");
+  }
+  EXPECT_EQ(removed, 2);
+  EXPECT_EQ(doc.GetText(), W(u"<r>\r\n  <q><p/></q>\r\n</r>"));
+  doc.ResetMain();
+  ASSERT_TRUE(doc.FindSibling(u"q") && doc.Descend() && doc.FindSibling(u"p"));
+  ASSERT_TRUE(doc.RemoveElement());  // not alone on its line: only the element goes
+  EXPECT_EQ(doc.GetText(), W(u"<r>\r\n  <q></q>\r\n</r>"));
+  EXPECT_EQ(doc.main_position(), 0u);
+  ExpectSameAsReparse(doc, "removed inner p");
+  ASSERT_TRUE(doc.AppendElement(u"n", u"", 0));  // into the now empty "q"
+  EXPECT_EQ(doc.GetText(), W(u"<r>\r\n  <q>\r\n    <n/>\r\n  </q>\r\n</r>"));
+  ExpectSameAsReparse(doc, "appended into emptied q");
+}
+
+TEST(XmlEdit, SetContent) {
+  XmlDocument doc;
+  ASSERT_TRUE(doc.ParseText(u"<r><a>old<o/></a><e/><z/></r>"));
+  ASSERT_TRUE(doc.FindSibling(u"/r/a"));
+  ASSERT_TRUE(doc.SetContent(u"<n k='1'>t</n><m/>"));
+  EXPECT_EQ(doc.GetText(), W(u"<r><a><n k='1'>t</n><m/></a><e/><z/></r>"));
+  ExpectSameAsReparse(doc, "content of a");
+  ASSERT_TRUE(doc.Descend() && doc.FindSibling(u"m") && doc.Ascend());
+  // Content that would not stand on its own is refused and nothing changes.
+  const WString before = doc.GetText();
+  EXPECT_FALSE(doc.SetContent(u"<open>"));
+  EXPECT_EQ(U8(doc.GetReport()), "Element 'open' at offset 0 not ended");
+  EXPECT_FALSE(doc.SetContent(u"</a><a>"));
+  EXPECT_EQ(doc.GetText(), before);
+  // An empty-element tag opens up to take content; empty content leaves it alone.
+  ASSERT_TRUE(doc.FindSibling(u"e") && doc.SetContent(u""));
+  EXPECT_EQ(doc.ElementRange(doc.main_position()).length, 4u);
+  ASSERT_TRUE(doc.SetContent(u"<x/>"));
+  EXPECT_EQ(doc.GetText(), W(u"<r><a><n k='1'>t</n><m/></a><e><x/></e><z/></r>"));
+  ExpectSameAsReparse(doc, "content of e");
+  ASSERT_TRUE(doc.FindSibling(u"/r/a") && doc.SetContent(u""));
+  EXPECT_EQ(doc.GetText(), W(u"<r><a></a><e><x/></e><z/></r>"));
+  ExpectSameAsReparse(doc, "emptied a");
+}
+
+TEST(XmlEdit, ExtractAndInsertSubtree) {
+  XmlDocument source;
+  ASSERT_TRUE(source.ParseText(u"<s>\r\n  <g value=\"A\">\r\n    <p id=\"1\"/>\r\n  </g>\r\n</s>"));
+  ASSERT_TRUE(source.FindSibling(u"/s/g"));
+  const WString subtree = source.ExtractSubtree();
+  EXPECT_EQ(subtree, W(u"<g value=\"A\">\r\n    <p id=\"1\"/>\r\n  </g>"));
+
+  XmlDocument target;
+  ASSERT_TRUE(target.ParseText(u"<t>\r\n  <h/>\r\n</t>"));
+  ASSERT_TRUE(target.FindSibling(u"t") && target.Descend() && target.FindSibling(u"h"));
+  ASSERT_TRUE(target.InsertSubtree(View(subtree)));
+  EXPECT_EQ(target.ElementPath(target.main_position()), W(u"/t/g"));
+  EXPECT_EQ(target.ExtractSubtree(), subtree);
+  EXPECT_EQ(target.GetText(),
+            W(u"<t>\r\n  <h/>\r\n  <g value=\"A\">\r\n    <p id=\"1\"/>\r\n  </g>\r\n</t>"));
+  ExpectSameAsReparse(target, "inserted");
+  // Only the root goes in; something that is not one clean element is refused.
+  ASSERT_TRUE(target.InsertSubtree(u"<?xml version=\"1.0\"?><k/><!-- tail -->"));
+  EXPECT_EQ(target.ExtractSubtree(), W(u"<k/>"));
+  ExpectSameAsReparse(target, "inserted after declaration");
+  const WString before = target.GetText();
+  EXPECT_FALSE(target.InsertSubtree(u"<a/><b/>"));
+  EXPECT_EQ(U8(target.GetReport()), "Root element has sibling");
+  EXPECT_FALSE(target.InsertSubtree(u"<a>"));
+  EXPECT_FALSE(target.InsertSubtree(u""));
+  EXPECT_EQ(target.GetText(), before);
+  // Inserting a document's own text into itself is safe.
+  target.ResetAll();
+  ASSERT_TRUE(target.FindSibling(u"t") && target.Descend() && target.FindSibling(u"h"));
+  ASSERT_TRUE(target.InsertSubtree(View(target.GetText())));
+  ExpectSameAsReparse(target, "inserted itself");
+}
+
+// A mix of edits at every level; the index must match a fresh parse after each one.
+TEST(XmlEdit, EditSequencesKeepIndexEqualToReparse) {
+  const char16_t* starts[] = {
+      u"<r/>",
+      u"<?xml version=\"1.0\"?>\r\n<r>\r\n  <a x='1'>t<b/>u</a>\r\n  <!-- c -->\r\n  <c/>\r\n</r>\r\n",
+      u"<r><a><b><c/></b></a><a/></r>",
+  };
+  for (const char16_t* start : starts) {
+    XmlDocument doc;
+    ASSERT_TRUE(doc.ParseText(start));
+    for (int round = 0; round < 3; ++round) {
+      doc.ResetAll();
+      ASSERT_TRUE(doc.FindSibling(u"r") && doc.Descend());
+      ASSERT_TRUE(doc.AppendElement(u"n", u"v", 0));
+      ExpectSameAsReparse(doc, "append n");
+      ASSERT_TRUE(doc.SetAttribute(u"i", u"'" + WString(round + 1, u'x') + u"'"));
+      ExpectSameAsReparse(doc, "attribute i");
+      ASSERT_TRUE(doc.Descend() && doc.AppendElement(u"m", u"", round % 2 ? 4 : 0));
+      ExpectSameAsReparse(doc, "append m");
+      ASSERT_TRUE(doc.InsertSubtree(u"<s><t/></s>"));
+      ExpectSameAsReparse(doc, "insert s");
+      ASSERT_TRUE(doc.Ascend());
+      doc.ResetMain();
+      ASSERT_TRUE(doc.FindSibling(u""));
+      ASSERT_TRUE(doc.SetContent(u"<w/>text<w>&amp;</w>"));
+      ExpectSameAsReparse(doc, "content");
+      doc.ResetMain();
+      ASSERT_TRUE(doc.FindSibling(u"n") && doc.RemoveElement());
+      ExpectSameAsReparse(doc, "remove n");
+    }
+    EXPECT_TRUE(doc.ParseText(View(doc.GetText()))) << U8(doc.GetReport());
+  }
+}
+
+// ---- size -------------------------------------------------------------------------------------
+
+TEST(XmlSize, DeepNestingNeedsNoStack) {
+  constexpr std::size_t kDepth = 200000;
+  WString text;
+  for (std::size_t i = 0; i < kDepth; ++i) text.append(u"<a>");
+  XmlDocument doc;
+  EXPECT_FALSE(doc.ParseText(View(text)));  // all of them left open
+  EXPECT_EQ(doc.GetReport().substr(0, 34), W(u"Element 'a' at offset 0 not ended,"));
+  for (std::size_t i = 0; i < kDepth; ++i) text.append(u"</a>");
+  ASSERT_TRUE(doc.ParseText(View(text)));
+  std::size_t depth = 0;
+  while (doc.FindSibling(u"a") && doc.Descend()) ++depth;
+  EXPECT_EQ(depth, kDepth);
+  ASSERT_TRUE(doc.Ascend());
+  EXPECT_EQ(doc.ElementRange(doc.main_position()).offset, 3 * (kDepth - 1));
+  ASSERT_TRUE(doc.AppendElement(u"b", u"", 0));
+  doc.ResetAll();
+  ASSERT_TRUE(doc.FindSibling(u"a") && doc.RemoveElement());
+  EXPECT_TRUE(doc.GetText().empty());
+  EXPECT_FALSE(doc.HasValidRoot());
+}
+
+TEST(XmlSize, MoreElementsThanOneSegment) {
+  constexpr std::size_t kCount = 70000;
+  WString text(u"<r>");
+  for (std::size_t i = 0; i < kCount; ++i) text.append(u"<e/>");
+  text.append(u"</r>");
+  XmlDocument doc;
+  ASSERT_TRUE(doc.ParseText(View(text)));
+  ASSERT_TRUE(doc.FindSibling(u"/r/e[70000]"));
+  const auto last = doc.main_position();
+  EXPECT_EQ(last >> 16, 1u);  // in the second segment
+  EXPECT_EQ(doc.ElementRange(last).offset, 3 + 4 * (kCount - 1));
+  EXPECT_EQ(doc.Links(doc.Links(last).prev_sibling).next_sibling, last);
+  EXPECT_FALSE(doc.FindSibling(u""));
+  ASSERT_TRUE(doc.FindSibling(u"/r/e[65536]") && doc.SetAttribute(u"k", u"v"));
+  EXPECT_EQ(doc.ElementRange(last).offset, 3 + 4 * (kCount - 1) + 6);
+  std::size_t count = 0;
+  doc.ResetAll();
+  ASSERT_TRUE(doc.FindSibling(u"r") && doc.Descend());
+  while (doc.FindSibling(u"e")) ++count;
+  EXPECT_EQ(count, kCount);
+  ExpectSameAsReparse(doc, "large");
+}
+
+// ---- files ------------------------------------------------------------------------------------
+
+class XmlDocumentFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::random_device rd;
+    for (int attempt = 0; attempt < 100 && dir_.empty(); ++attempt) {
+      auto candidate =
+          std::filesystem::temp_directory_path() / ("oxd" + std::to_string(rd() % 1000000));
+      if (std::filesystem::create_directory(candidate)) dir_ = candidate;
+    }
+    ASSERT_FALSE(dir_.empty());
+  }
+  void TearDown() override {
+    std::error_code ignored;
+    if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
+  }
+  WString PathOf(const char* name) const {
+    std::u16string p = (dir_ / name).u16string();
+    return WString(p.begin(), p.end());
+  }
+  std::string ReadBytes(const char* name) const {
+    std::ifstream in(dir_ / name, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  void WriteBytes(const char* name, const std::string& bytes) const {
+    std::ofstream out(dir_ / name, std::ios::binary);
+    out << bytes;
+  }
+  std::filesystem::path dir_;
+};
+
+TEST_F(XmlDocumentFileTest, ReportStartsWithReadSummaryAndMarkSurvivesEdit) {
+  WriteBytes("m.xml", "\xEF\xBB\xBF<a>\r\n</a>");
+  XmlDocument doc;
+  ASSERT_TRUE(doc.LoadFile(PathOf("m.xml")));
+  EXPECT_EQ(U8(doc.GetReport()), "UTF-8 BOM + 9 bytes to 9 wide chars");
+  EXPECT_EQ(doc.flags(), kXmlFlagUtf8Bom);
+  ASSERT_TRUE(doc.FindSibling(u"a") && doc.Descend() && doc.AppendElement(u"b", u"", 0));
+  ASSERT_TRUE(doc.SaveFile(PathOf("m.xml")));
+  EXPECT_EQ(ReadBytes("m.xml"), "\xEF\xBB\xBF<a>\r\n  <b/>\r\n</a>");
+
+  WriteBytes("bad.xml", "<a><b/>");
+  EXPECT_FALSE(doc.LoadFile(PathOf("bad.xml")));
+  EXPECT_EQ(U8(doc.GetReport()), "7 bytes to 7 wide chars, Element 'a' at offset 0 not ended");
+  EXPECT_EQ(doc.flags(), 0u);
+  WriteBytes("empty.xml", "");
+  EXPECT_FALSE(doc.LoadFile(PathOf("empty.xml")));
+  EXPECT_EQ(U8(doc.GetReport()), "0 bytes to 0 wide chars, Empty document");
+
+  EXPECT_FALSE(doc.LoadFile(PathOf("missing.xml")));
+  EXPECT_FALSE(doc.GetReport().empty());
+  EXPECT_TRUE(doc.GetText().empty());
+  EXPECT_FALSE(doc.HasValidRoot());
+}
+
+}  // namespace
+}  // namespace orlenda

@@ -1,0 +1,334 @@
+// The one-pass parse of XmlDocument: a single left-to-right scan with a stack of open elements
+// that fills the element index. No per-node strings are built: names are compared in place and
+// only the findings are formatted. Nothing here recurses, so nesting depth is bounded by memory
+// only.
+#include <cstring>
+
+#include "common/log_format.h"
+#include "settings/xml_document.h"
+#include "settings/xml_index.h"
+
+namespace orlenda {
+
+void XmlElementIndex::Reset(std::size_t text_length) {
+  segments_.clear();
+  count_ = 0;
+  estimate_ = text_length / 64 + 8;
+  Add();  // record 0: the document
+}
+
+uint32_t XmlElementIndex::Add() {
+  const uint32_t in_segment = count_ & (kSegmentSize - 1);
+  if (in_segment == 0) {
+    // A new segment, sized for what the estimate still expects; it grows (never beyond one
+    // segment's records) only when the estimate was short.
+    segments_.emplace_back();
+    const std::size_t remaining = estimate_ > count_ ? estimate_ - count_ : 1024;
+    segments_.back().reserve(remaining < kSegmentSize ? remaining : kSegmentSize);
+  }
+  HeapVector<XmlElementRecord>& segment = segments_.back();
+  if (segment.size() == segment.capacity()) {
+    const std::size_t doubled = segment.capacity() * 2;
+    segment.reserve(doubled < kSegmentSize ? doubled : kSegmentSize);
+  }
+  segment.emplace_back();
+  return count_++;
+}
+
+void AppendReportPhrase(WString* report, WStringView phrase) {
+  if (!report->empty()) report->append(u", ");
+  report->append(phrase.data(), phrase.size());
+}
+
+namespace {
+
+class Parser {
+ public:
+  Parser(WStringView text, XmlElementIndex* index, WString* report)
+      : begin_(text.data()), end_(text.data() + text.size()), index_(*index), report_(report) {}
+
+  std::size_t Run();
+
+ private:
+  uint32_t OffsetOf(const WChar* p) const { return static_cast<uint32_t>(p - begin_); }
+  uint32_t Innermost() const { return open_.empty() ? 0 : open_.back(); }
+  WStringView NameOf(uint32_t id) const {
+    const XmlElementRecord& r = index_[id];
+    return WStringView(begin_ + r.offset + 1, r.name_length);
+  }
+  // The innermost open element is the one a finding inside its content concerns.
+  void FlagInnermost() {
+    if (!open_.empty()) index_[open_.back()].flags |= kXmlElementIllFormed;
+  }
+  template <class... A>
+  void Finding(const char16_t* format, const A&... args) {
+    char16_t buffer[kLogBufferChars];
+    const std::size_t length = FormatLog(buffer, format, args...);
+    AppendReportPhrase(report_, WStringView(buffer, length));
+    ++findings_;
+  }
+  void Unterminated(const char16_t* construct, const WChar* at) {
+    Finding(u"%s at offset %d unterminated", construct, OffsetOf(at));
+    FlagInnermost();
+  }
+  // Position of the first `pattern` at or after `from`, or end_.
+  const WChar* Find(const WChar* from, const char16_t* pattern, std::size_t length) const {
+    const WChar first = pattern[0];
+    for (const WChar* p = from; end_ - p >= static_cast<std::ptrdiff_t>(length); ++p) {
+      if (*p == first && std::memcmp(p, pattern, length * sizeof(WChar)) == 0) return p;
+    }
+    return end_;
+  }
+
+  // Each returns the position to go on from, or nullptr when the text ended inside the construct.
+  const WChar* StartTag(const WChar* lt);
+  const WChar* EndTag(const WChar* lt);
+  const WChar* Bang(const WChar* lt);
+  void Close(uint32_t id, uint32_t end_offset) {
+    index_[id].total_length = end_offset - index_[id].offset;
+    open_.pop_back();
+    last_child_.pop_back();
+  }
+
+  const WChar* const begin_;
+  const WChar* const end_;
+  XmlElementIndex& index_;
+  WString* report_;
+  std::size_t findings_ = 0;
+  HeapVector<uint32_t> open_;        // open elements, innermost last
+  HeapVector<uint32_t> last_child_;  // last child so far of the document and of each open element
+};
+
+std::size_t Parser::Run() {
+  last_child_.push_back(0);
+  const WChar* p = begin_;
+  while (true) {
+    while (p < end_ && *p != u'<') ++p;
+    if (p == end_) break;
+    const WChar* lt = p;
+    if (end_ - lt < 2) {
+      Unterminated(u"tag", lt);
+      break;
+    }
+    const WChar c = lt[1];
+    if (c == u'/') {
+      p = EndTag(lt);
+    } else if (c == u'!') {
+      p = Bang(lt);
+    } else if (c == u'?') {
+      const WChar* close = Find(lt + 2, u"?>", 2);
+      if (close == end_) {
+        Unterminated(u"Processing instruction", lt);
+        p = nullptr;
+      } else {
+        p = close + 2;
+      }
+    } else if (StartsXmlName(c)) {
+      p = StartTag(lt);
+    } else {
+      // The "<" is taken as text and the scan goes on behind it.
+      Finding(u"Incorrect %s at offset %d", u"tag name character", OffsetOf(lt + 1));
+      FlagInnermost();
+      p = lt + 1;
+    }
+    if (p == nullptr) break;
+  }
+  // Whatever is still open runs to the end of the text; reported outermost first, in the order
+  // the elements appear.
+  const uint32_t text_end = OffsetOf(end_);
+  for (uint32_t id : open_) {
+    XmlElementRecord& r = index_[id];
+    r.total_length = text_end - r.offset;
+    r.flags |= kXmlElementIllFormed;
+    Finding(u"Element '%s' at offset %d not ended", NameOf(id), r.offset);
+  }
+  return findings_;
+}
+
+const WChar* Parser::StartTag(const WChar* lt) {
+  const WChar* q = lt + 1;
+  while (q < end_ && !EndsXmlName(*q)) ++q;
+  const uint32_t name_length = static_cast<uint32_t>(q - lt - 1);
+  // Attributes are not looked at here, only stepped over: quoted values may hold ">".
+  while (q < end_ && *q != u'>') {
+    if (*q == u'"' || *q == u'\'') {
+      const WChar quote = *q++;
+      while (q < end_ && *q != quote) ++q;
+      if (q == end_) break;
+    }
+    ++q;
+  }
+  if (q >= end_) {
+    Unterminated(u"Element tag", lt);
+    return nullptr;
+  }
+  const bool empty = q[-1] == u'/';
+  const uint32_t parent = Innermost();
+  const uint32_t id = index_.Add();
+  XmlElementRecord& r = index_[id];
+  r.offset = OffsetOf(lt);
+  r.tag_length = static_cast<uint32_t>(q + 1 - lt);
+  r.name_length = name_length;
+  r.parent = parent;
+  const uint32_t previous = last_child_.back();
+  r.prev_sibling = previous;
+  if (empty) r.total_length = r.tag_length;
+  if (previous != 0) {
+    index_[previous].next_sibling = id;
+  } else {
+    index_[parent].first_child = id;
+  }
+  last_child_.back() = id;
+  if (!empty) {
+    open_.push_back(id);
+    last_child_.push_back(0);
+  }
+  return q + 1;
+}
+
+const WChar* Parser::EndTag(const WChar* lt) {
+  const WChar* name = lt + 2;
+  const WChar* q = name;
+  while (q < end_ && !IsXmlSpace(*q) && *q != u'>') ++q;
+  const WStringView end_name(name, static_cast<std::size_t>(q - name));
+  while (q < end_ && *q != u'>') ++q;
+  if (q == end_) {
+    Unterminated(u"Element end tag", lt);
+    return nullptr;
+  }
+  const uint32_t at = OffsetOf(lt);
+  const uint32_t after = OffsetOf(q + 1);
+  if (open_.empty()) {
+    Finding(u"No start tag for end tag '%s' at offset %d", end_name, at);
+    return q + 1;
+  }
+  const uint32_t innermost = open_.back();
+  if (NameOf(innermost) == end_name) {
+    Close(innermost, after);
+    return q + 1;
+  }
+  Finding(u"End tag '%s' at offset %d does not match start tag '%s' at offset %d", end_name, at,
+          NameOf(innermost), index_[innermost].offset);
+  // Recovery: when an enclosing element has this name, the elements inside it were left open by
+  // mistake; they end where this end tag begins and the named one closes normally. Otherwise the
+  // end tag is a stray and is skipped.
+  std::size_t match = open_.size() - 1;
+  while (match > 0 && NameOf(open_[match - 1]) != end_name) --match;
+  index_[innermost].flags |= kXmlElementIllFormed;
+  if (match == 0) return q + 1;
+  while (open_.size() > match) {
+    index_[open_.back()].flags |= kXmlElementIllFormed;
+    Close(open_.back(), at);
+  }
+  Close(open_.back(), after);
+  return q + 1;
+}
+
+// "<!": comment, CDATA section or document type declaration.
+const WChar* Parser::Bang(const WChar* lt) {
+  if (end_ - lt < 3) {
+    Unterminated(u"tag", lt);
+    return nullptr;
+  }
+  const WChar kind = lt[2];
+  if (kind == u'-') {
+    if (end_ - lt < 4) {
+      Unterminated(u"Comment", lt);
+      return nullptr;
+    }
+    if (lt[3] != u'-') {
+      Finding(u"Incorrect %s at offset %d", u"comment tag", OffsetOf(lt));
+      FlagInnermost();
+      return lt + 1;
+    }
+    const WChar* close = Find(lt + 4, u"-->", 3);
+    if (close == end_) {
+      Unterminated(u"Comment", lt);
+      return nullptr;
+    }
+    return close + 3;
+  }
+  if (kind == u'[') {
+    static const char16_t kOpen[] = u"<![CDATA[";
+    constexpr std::ptrdiff_t kOpenLength = 9;
+    for (std::ptrdiff_t i = 3; i < kOpenLength; ++i) {
+      if (lt + i == end_) {
+        Unterminated(u"CDATA Section", lt);
+        return nullptr;
+      }
+      if (lt[i] != kOpen[i]) {
+        Finding(u"Incorrect %s at offset %d", u"! tag", OffsetOf(lt));
+        FlagInnermost();
+        return lt + 1;
+      }
+    }
+    const WChar* close = Find(lt + kOpenLength, u"]]>", 3);
+    if (close == end_) {
+      Unterminated(u"CDATA Section", lt);
+      return nullptr;
+    }
+    return close + 3;
+  }
+  if (kind == u'D') {
+    // Skipped as a unit; an internal subset in brackets may hold ">".
+    int depth = 0;
+    for (const WChar* q = lt + 3; q < end_; ++q) {
+      if (*q == u'[') {
+        ++depth;
+      } else if (*q == u']') {
+        if (depth > 0) --depth;
+      } else if (*q == u'>' && depth == 0) {
+        return q + 1;
+      }
+    }
+    Unterminated(u"Doctype", lt);
+    return nullptr;
+  }
+  Finding(u"Incorrect %s at offset %d", u"! tag", OffsetOf(lt));
+  FlagInnermost();
+  return lt + 1;
+}
+
+}  // namespace
+
+std::size_t ParseXmlElements(WStringView text, XmlElementIndex* index, WString* report) {
+  Parser parser(text, index, report);
+  const std::size_t findings = parser.Run();
+  (*index)[0].total_length = static_cast<uint32_t>(text.size());
+  return findings;
+}
+
+bool XmlDocument::ParseCurrentText() {
+  parent_ = main_ = child_ = 0;
+  report_.clear();
+  XmlElementIndex& index = impl_->index;
+  index.Reset(text_.size());
+  if (text_.size() >= kMaxTextLength) {
+    // Offsets are 32-bit; a text this long is refused rather than mis-indexed.
+    AppendReportPhrase(&report_, u"Document too large");
+    text_.clear();
+    return false;
+  }
+  bool well_formed = ParseXmlElements(View(text_), &index, &report_) == 0;
+  if (text_.empty()) {
+    AppendReportPhrase(&report_, u"Empty document");
+    return false;
+  }
+  const uint32_t root = index[0].first_child;
+  if (root == 0) {
+    AppendReportPhrase(&report_, u"No root element");
+    well_formed = false;
+  } else if (index[root].next_sibling != 0) {
+    AppendReportPhrase(&report_, u"Root element has sibling");
+    well_formed = false;
+  }
+  return well_formed;
+}
+
+bool XmlDocument::ParseText(WStringView text) {
+  WString copy(text.data(), text.size());  // `text` may be a view of text_ itself
+  text_.swap(copy);
+  return ParseCurrentText();
+}
+
+}  // namespace orlenda
