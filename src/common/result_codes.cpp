@@ -9,7 +9,7 @@ const char16_t* ResultName(uint32_t result) {
   case name:                             \
     return u"" #name;
   switch (result) {
-    ORLENDA_RESULT_CODES(ORLENDA_RESULT_NAME)
+    SKEIN_RESULT_CODES(ORLENDA_RESULT_NAME)
     default:
       return nullptr;
   }
