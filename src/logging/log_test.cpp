@@ -14,64 +14,13 @@
 #include "platform/presence.h"
 #include "platform/thread.h"
 #include "support/isolated_dirs.h"
+#include "support/log_capture.h"
 
 namespace orlenda {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-// A stand-in for the log service: holds the presence object, listens on the pipe and keeps the
-// raw bytes of every connection, one entry per connection.
-class TestReceiver {
- public:
-  ~TestReceiver() { Stop(); }
-
-  void HoldPresence() { ASSERT_EQ(presence_.Acquire(logging::kLogServiceEventName), 0u); }
-  void ReleasePresence() { presence_.Release(); }
-
-  void Listen() {
-    ASSERT_EQ(listener_.Listen(logging::kLogServicePipeName, platform::PipeMode::kMessage), 0u);
-    acceptor_ = std::thread([this] {
-      platform::PipeStream stream;
-      while (listener_.Accept(&stream) == platform::kErrorSuccess) {
-        Bytes bytes;
-        uint8_t chunk[512];
-        uint32_t got = 0;
-        while (stream.Read(chunk, sizeof chunk, &got) == platform::kErrorSuccess && got > 0) {
-          bytes.insert(bytes.end(), chunk, chunk + got);
-        }
-        stream.Close();
-        std::lock_guard<std::mutex> lock(mutex_);
-        records_.push_back(std::move(bytes));
-      }
-    });
-  }
-
-  void Stop() {
-    listener_.Shutdown();
-    if (acceptor_.joinable()) acceptor_.join();
-  }
-
-  // Waits (bounded) until `count` connections have been read completely.
-  std::vector<Bytes> WaitFor(std::size_t count) {
-    for (int i = 0; i < 500; ++i) {
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (records_.size() >= count) return records_;
-      }
-      platform::SleepMs(10);
-    }
-    std::lock_guard<std::mutex> lock(mutex_);
-    return records_;
-  }
-
- private:
-  platform::PresenceObject presence_;
-  platform::PipeListener listener_;
-  std::thread acceptor_;
-  std::mutex mutex_;
-  std::vector<Bytes> records_;
-};
+using testing::Bytes;
+using TestReceiver = testing::LogReceiver;
 
 std::u16string TextOf(const Bytes& record) {
   if (record.size() < logging::kRecordHeaderSize) return u"<no header>";

@@ -16,8 +16,20 @@ class PipeStream {
  public:
   PipeStream() = default;
   ~PipeStream() { Close(); }
-  PipeStream(PipeStream&& other) noexcept;
-  PipeStream& operator=(PipeStream&& other) noexcept;
+  PipeStream(PipeStream&& other) noexcept : handle_(other.handle_), server_side_(other.server_side_) {
+    other.handle_ = kClosed;
+    other.server_side_ = false;
+  }
+  PipeStream& operator=(PipeStream&& other) noexcept {
+    if (this != &other) {
+      Close();
+      handle_ = other.handle_;
+      server_side_ = other.server_side_;
+      other.handle_ = kClosed;
+      other.server_side_ = false;
+    }
+    return *this;
+  }
   PipeStream(const PipeStream&) = delete;
   PipeStream& operator=(const PipeStream&) = delete;
 

@@ -92,17 +92,6 @@ int ErrnoOf(uint32_t error) {
 
 }  // namespace
 
-File::File(File&& other) noexcept : handle_(other.handle_) { other.handle_ = kClosed; }
-
-File& File::operator=(File&& other) noexcept {
-  if (this != &other) {
-    Close();
-    handle_ = other.handle_;
-    other.handle_ = kClosed;
-  }
-  return *this;
-}
-
 uint32_t File::OpenForReading(const char16_t* path) {
   Close();
   NativePath native(path);

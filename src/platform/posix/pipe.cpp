@@ -46,23 +46,6 @@ void CloseFd(int fd) {
 
 }  // namespace
 
-PipeStream::PipeStream(PipeStream&& other) noexcept
-    : handle_(other.handle_), server_side_(other.server_side_) {
-  other.handle_ = kClosed;
-  other.server_side_ = false;
-}
-
-PipeStream& PipeStream::operator=(PipeStream&& other) noexcept {
-  if (this != &other) {
-    Close();
-    handle_ = other.handle_;
-    server_side_ = other.server_side_;
-    other.handle_ = kClosed;
-    other.server_side_ = false;
-  }
-  return *this;
-}
-
 uint32_t PipeStream::Write(const void* data, uint32_t size, uint32_t* written) {
   *written = 0;
   if (!is_open()) return kErrorInvalidHandle;

@@ -19,17 +19,6 @@ bool ValidPath(const char16_t* path) { return path != nullptr && path[0] != 0; }
 
 }  // namespace
 
-File::File(File&& other) noexcept : handle_(other.handle_) { other.handle_ = kClosed; }
-
-File& File::operator=(File&& other) noexcept {
-  if (this != &other) {
-    Close();
-    handle_ = other.handle_;
-    other.handle_ = kClosed;
-  }
-  return *this;
-}
-
 uint32_t File::OpenForReading(const char16_t* path) {
   Close();
   if (!ValidPath(path)) return kErrorInvalidParameter;
