@@ -1,12 +1,14 @@
 // Feeds arbitrary input to XmlDocument::ParseText, read two ways: the bytes as UTF-16LE code units
 // (unpaired surrogates and all), and the bytes decoded as UTF-8. Every element of what was parsed
-// is then visited and read; a well-formed document is edited and walked again, and the input is
-// also spliced into a sound document as a subtree and as content. Nothing may crash, and the
-// index must stay within the text.
+// is then visited and read; the document is edited, well formed or not, and after every edit the
+// index must still describe the text (a well-formed document must moreover index exactly as a
+// fresh parse of its edited text does). The input is also spliced into a sound document as a
+// subtree and as content. Nothing may crash.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <vector>
 
 #include "fuzz/xml_walk.h"
 #include "settings/xml_document.h"
@@ -14,23 +16,142 @@
 namespace orlenda::fuzz {
 namespace {
 
-// Edits as the property store makes them, on a document that parsed well formed (the store
-// replaces any other by a fresh one before it changes anything).
-void Edit(XmlDocument* doc) {
+// Every element reachable from the document, in document order, without recursion.
+std::vector<XmlDocument::ElementId> DocumentOrder(const XmlDocument& doc) {
+  std::vector<XmlDocument::ElementId> order;
+  XmlDocument::ElementId id = doc.Links(0).first_child;
+  const std::size_t limit = doc.GetText().size();
+  while (id != 0) {
+    order.push_back(id);
+    Check(order.size() <= limit, "more elements than characters: the links loop");
+    const XmlDocument::ElementLinks links = doc.Links(id);
+    if (links.first_child != 0) {
+      id = links.first_child;
+      continue;
+    }
+    while (id != 0 && doc.Links(id).next_sibling == 0) id = doc.Links(id).parent;
+    if (id != 0) id = doc.Links(id).next_sibling;
+  }
+  return order;
+}
+
+// The index against the text: every element starts at "<" and its name, its start tag ends in
+// ">" inside it, it lies in its parent's content behind its previous sibling, and the links agree
+// both ways.
+void CheckIndex(const XmlDocument& doc) {
+  const WString& text = doc.GetText();
+  for (XmlDocument::ElementId id : DocumentOrder(doc)) {
+    const XmlRange range = doc.ElementRange(id);
+    const XmlRange tag = doc.StartTagRange(id);
+    const WString name = doc.ElementName(id);
+    const XmlDocument::ElementLinks links = doc.Links(id);
+    Check(RangeInText(range, text), "element inside the text");
+    Check(tag.offset == range.offset && tag.length <= range.length, "start tag inside its element");
+    Check(tag.length >= name.size() + 2, "start tag holds its name");
+    Check(text[range.offset] == u'<' && text.compare(range.offset + 1, name.size(), name) == 0,
+          "element starts with '<' and its name");
+    Check(text[tag.offset + tag.length - 1] == u'>', "start tag ends with '>'");
+    if (!doc.IsIllFormed(id) && range.length > tag.length) {
+      Check(text[range.offset + range.length - 1] == u'>', "a sound element ends with its end tag");
+    }
+    if (links.parent != 0) {
+      const XmlRange parent = doc.ElementRange(links.parent);
+      const XmlRange parent_tag = doc.StartTagRange(links.parent);
+      Check(range.offset >= parent_tag.offset + parent_tag.length &&
+                range.offset + range.length <= parent.offset + parent.length,
+            "element inside its parent's content");
+    }
+    if (links.prev_sibling != 0) {
+      const XmlRange previous = doc.ElementRange(links.prev_sibling);
+      Check(doc.Links(links.prev_sibling).next_sibling == id, "sibling links agree");
+      Check(previous.offset + previous.length <= range.offset, "siblings in order, apart");
+    } else {
+      Check(doc.Links(links.parent).first_child == id, "a first sibling is its parent's first");
+    }
+    if (links.next_sibling != 0) {
+      Check(doc.Links(links.next_sibling).prev_sibling == id, "sibling links agree");
+    }
+    if (links.first_child != 0) {
+      Check(doc.Links(links.first_child).parent == id, "a first child names its parent");
+    }
+  }
+}
+
+// A well-formed document stays one under edits, and its index is the one a fresh parse gives.
+void CheckAsReparsed(const XmlDocument& doc) {
+  XmlDocument fresh;
+  Check(fresh.ParseText(View(doc.GetText())), "an edited well-formed document stays well formed");
+  const std::vector<XmlDocument::ElementId> ours = DocumentOrder(doc);
+  const std::vector<XmlDocument::ElementId> theirs = DocumentOrder(fresh);
+  Check(ours.size() == theirs.size(), "as many elements as a fresh parse finds");
+  for (std::size_t i = 0; i < ours.size(); ++i) {
+    const XmlRange a = doc.ElementRange(ours[i]);
+    const XmlRange b = fresh.ElementRange(theirs[i]);
+    Check(a.offset == b.offset && a.length == b.length &&
+              doc.StartTagRange(ours[i]).length == fresh.StartTagRange(theirs[i]).length,
+          "elements where a fresh parse finds them");
+  }
+}
+
+void AfterEdit(const XmlDocument& doc, bool well_formed) {
+  CheckIndex(doc);
+  if (well_formed) CheckAsReparsed(doc);
+}
+
+// Puts the cursor on `target`: each ancestor is found at its level and descended into.
+void MoveTo(XmlDocument* doc, XmlDocument::ElementId target) {
+  std::vector<XmlDocument::ElementId> chain;
+  for (XmlDocument::ElementId id = target; id != 0; id = doc->Links(id).parent) chain.push_back(id);
   doc->ResetAll();
-  if (!doc->FindSibling(WStringView())) return;
+  for (std::size_t i = chain.size(); i-- > 0;) {
+    while (doc->main_position() != chain[i]) {
+      Check(doc->FindSibling(WStringView()), "every linked element is found at its level");
+    }
+    if (i > 0) Check(doc->Descend(), "descend into an ancestor");
+  }
+}
+
+// Edits as the property store makes them, on the element the cursor is on: its attributes, new
+// elements inside it, one removed, its content replaced.
+void EditAt(XmlDocument* doc, bool well_formed) {
   (void)doc->SetAttribute(u"fz", u"a<&>'\"b");
+  AfterEdit(*doc, well_formed);
   (void)doc->SetAttribute(u"fz", u"");
+  AfterEdit(*doc, well_formed);
   if (doc->Descend()) {
     (void)doc->AppendElement(u"added", u"x&y", 0);
+    AfterEdit(*doc, well_formed);
     (void)doc->AppendElement(u"empty", WStringView(), kXmlAppendBlankBeforeSlash);
+    AfterEdit(*doc, well_formed);
     (void)doc->InsertSubtree(u"<in a='1'><b/></in>");
+    AfterEdit(*doc, well_formed);
     doc->ResetMain();
     if (doc->FindSibling(WStringView())) (void)doc->RemoveElement();
+    AfterEdit(*doc, well_formed);
     doc->ResetMain();
     if (doc->FindSibling(WStringView())) (void)doc->SetContent(u"<c/>text<d>e</d>");
+    AfterEdit(*doc, well_formed);
     (void)doc->Ascend();
   }
+  // A sibling behind it; at document level that would be a second root, which a well-formed
+  // document must not get.
+  if (!well_formed || doc->parent_position() != 0) {
+    (void)doc->AppendElement(u"next", WStringView(), 0);
+    AfterEdit(*doc, well_formed);
+  }
+}
+
+// The root (or the first element at document level), then the last element in document order,
+// which in a broken document is often one left open at the end of the text.
+void Edit(XmlDocument* doc, bool well_formed) {
+  doc->ResetAll();
+  if (!doc->FindSibling(WStringView())) return;
+  EditAt(doc, well_formed);
+  WalkAll(doc, false);
+  const std::vector<XmlDocument::ElementId> order = DocumentOrder(*doc);
+  if (order.empty()) return;
+  MoveTo(doc, order.back());
+  EditAt(doc, well_formed);
   WalkAll(doc, false);
 }
 
@@ -60,8 +181,63 @@ void Exercise(WStringView text) {
   std::size_t elements = WalkAll(&doc, true);
   Check(!doc.HasValidRoot() || elements > 0, "a valid root is an element");
   FindByPaths(&doc);
-  if (well_formed) Edit(&doc);
+  CheckIndex(doc);
+  Edit(&doc, well_formed);
   Splice(text);
+}
+
+// UTF-8 decoded one byte at a time, the plain way, to hold the converter's fast paths to.
+WString ReferenceUtf8ToWide(const uint8_t* bytes, std::size_t size) {
+  WString out;
+  std::size_t pos = 0;
+  while (pos < size) {
+    const uint8_t b = bytes[pos];
+    int more = -1;
+    uint8_t low = 0x80, high = 0xBF;
+    uint32_t cp = 0;
+    if (b < 0x80) {
+      more = 0;
+      cp = b;
+    } else if (b >= 0xC2 && b < 0xE0) {
+      more = 1;
+      cp = b & 0x1Fu;
+    } else if (b >= 0xE0 && b < 0xF0) {
+      more = 2;
+      cp = b & 0x0Fu;
+      if (b == 0xE0) low = 0xA0;
+      if (b == 0xED) high = 0x9F;
+    } else if (b >= 0xF0 && b <= 0xF4) {
+      more = 3;
+      cp = b & 0x07u;
+      if (b == 0xF0) low = 0x90;
+      if (b == 0xF4) high = 0x8F;
+    }
+    if (more < 0) {
+      out.push_back(0xFFFD);
+      ++pos;
+      continue;
+    }
+    std::size_t taken = 1;
+    bool complete = true;
+    for (int i = 0; i < more; ++i, low = 0x80, high = 0xBF) {
+      if (pos + taken >= size || bytes[pos + taken] < low || bytes[pos + taken] > high) {
+        complete = false;
+        break;
+      }
+      cp = (cp << 6) | (bytes[pos + taken] & 0x3Fu);
+      ++taken;
+    }
+    if (!complete) {
+      out.push_back(0xFFFD);
+    } else if (cp < 0x10000) {
+      out.push_back(static_cast<WChar>(cp));
+    } else {
+      out.push_back(static_cast<WChar>(0xD800 + ((cp - 0x10000) >> 10)));
+      out.push_back(static_cast<WChar>(0xDC00 + ((cp - 0x10000) & 0x3FF)));
+    }
+    pos += taken;
+  }
+  return out;
 }
 
 }  // namespace
@@ -72,6 +248,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   WString units(size / 2, 0);
   if (!units.empty()) std::memcpy(&units[0], data, units.size() * sizeof(WChar));
   fuzz::Exercise(View(units));
-  fuzz::Exercise(View(Utf8ToWide(std::string_view(reinterpret_cast<const char*>(data), size))));
+  const WString decoded = Utf8ToWide(std::string_view(reinterpret_cast<const char*>(data), size));
+  fuzz::Check(decoded == fuzz::ReferenceUtf8ToWide(data, size), "UTF-8 decodes the plain way");
+  fuzz::Exercise(View(decoded));
   return 0;
 }

@@ -21,17 +21,28 @@ XmlDocument::~XmlDocument() = default;
 // --- Files ---
 
 bool XmlDocument::LoadFile(const WString& path) {
-  WString text;
-  WString summary;
-  uint32_t flags = flags_;
-  if (!ReadXmlFile(path, &text, &flags, &summary)) {
+  WString buffer;
+  std::size_t size = 0;
+  WString error_text;
+  if (!ReadXmlFileBytes(path, &buffer, &size, &error_text)) {
     text_.clear();
     ParseCurrentText();  // an empty document, cursor reset
-    report_ = summary;
+    report_.swap(error_text);
     return false;
   }
-  flags_ = flags;
-  text_.swap(text);
+  return LoadBuffer(&buffer, size);
+}
+
+bool XmlDocument::LoadBytes(const uint8_t* bytes, std::size_t size) {
+  WString buffer;
+  PlaceXmlBytes(bytes, size, &buffer);
+  return LoadBuffer(&buffer, size);
+}
+
+bool XmlDocument::LoadBuffer(WString* buffer, std::size_t size) {
+  WString summary;
+  DecodeXmlBuffer(buffer, size, &flags_, &summary);
+  text_.swap(*buffer);
   const bool well_formed = ParseCurrentText();
   // The read summary comes first, the parse findings after it.
   if (!report_.empty()) summary.append(u", ").append(report_);

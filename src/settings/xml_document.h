@@ -53,6 +53,9 @@ class XmlDocument {
   // begins with the read summary. False when the file cannot be read (the report then holds the
   // system's description) or the document is not well formed.
   bool LoadFile(const WString& path);
+  // What LoadFile does with the bytes it read: the mark decides the encoding and the flags, the
+  // report begins with the read summary, then ParseText. True when well formed.
+  bool LoadBytes(const uint8_t* bytes, std::size_t size);
   // Writes the text in the encoding the flags record, replacing the file in one step so that no
   // reader ever sees a half-written file.
   bool SaveFile(const WString& path);
@@ -125,12 +128,17 @@ class XmlDocument {
   // Offsets in the index are 32-bit.
   static constexpr std::size_t kMaxTextLength = 0xFFFFFFF0u;
 
+  // The part of LoadFile and LoadBytes after the bytes are in `buffer` (see xml_file.h): decode,
+  // parse, report.
+  bool LoadBuffer(WString* buffer, std::size_t size);
   // Parses text_ as it stands: rebuilds the index, resets the cursor, fills the report.
   bool ParseCurrentText();
   // Puts `element_text` (one element, starting at its "<") on a line of its own after the main
   // element, or after the level's last element when the main position is reset; returns the
   // offset where the element now begins.
   uint32_t PlaceAtCursor(WStringView element_text);
+  // Whether PlaceAtCursor can put an element there: not behind an element that has no end tag.
+  bool CanPlaceAtCursor() const;
   // Links element `id` (already indexed at its place) into the current level after the main
   // element, or after the level's last element, and makes it the main element.
   void LinkAtCursor(ElementId id);

@@ -74,6 +74,11 @@ void ExpectSameAsReparse(const XmlDocument& doc, const std::string& step) {
   EXPECT_TRUE(TakeSnapshot(doc) == TakeSnapshot(fresh)) << step << ":\n" << U8(doc.GetText());
 }
 
+bool ParsesWellFormed(const WString& text) {
+  XmlDocument fresh;
+  return fresh.ParseText(View(text));
+}
+
 // ---- parse findings ---------------------------------------------------------------------------
 
 // Every prefix of one document, by ranges of prefix lengths that give the same report.
@@ -383,6 +388,29 @@ TEST(XmlEdit, SetContent) {
   ASSERT_TRUE(doc.FindSibling(u"/r/a") && doc.SetContent(u""));
   EXPECT_EQ(doc.GetText(), W(u"<r><a></a><e><x/></e><z/></r>"));
   ExpectSameAsReparse(doc, "emptied a");
+  // Found by fuzzing: "//>" ends an empty-element tag as well, and a tag left ending in "/"
+  // would still be one.
+  ASSERT_TRUE(doc.ParseText(u"<r><s k=v/ //></r>"));
+  ASSERT_TRUE(doc.FindSibling(u"/r/s") && doc.SetContent(u"c"));
+  EXPECT_EQ(doc.GetText(), W(u"<r><s k=v>c</s></r>"));
+  EXPECT_EQ(U8(doc.GetAttribute(u"k")), "v");
+  ExpectSameAsReparse(doc, "several slashes");
+  // Found by fuzzing: an end tag may hold "<", in the name or behind it; content goes before it.
+  const struct {
+    const char16_t* text;
+    const char16_t* path;
+  } odd_end_tags[] = {
+      {u"<O</>", u"/O<"}, {u"<r><a<></a<></r>", u"/r/a<"}, {u"<r><a>1 > 0</a <b></r>", u"/r/a"}};
+  for (const auto& c : odd_end_tags) {
+    const WString text(c.text);
+    ASSERT_TRUE(doc.ParseText(View(text))) << U8(doc.GetReport());
+    ASSERT_TRUE(doc.FindSibling(c.path)) << U8(text);
+    ASSERT_TRUE(doc.SetContent(u"<c/>"));
+    ExpectSameAsReparse(doc, U8(text) + " content");
+    ASSERT_TRUE(doc.Descend() && doc.AppendElement(u"d", u"", 0));
+    ExpectSameAsReparse(doc, U8(text) + " append");
+    EXPECT_TRUE(ParsesWellFormed(doc.GetText())) << U8(doc.GetText());
+  }
 }
 
 TEST(XmlEdit, ExtractAndInsertSubtree) {
@@ -449,6 +477,68 @@ TEST(XmlEdit, EditSequencesKeepIndexEqualToReparse) {
       ExpectSameAsReparse(doc, "remove n");
     }
     EXPECT_TRUE(doc.ParseText(View(doc.GetText()))) << U8(doc.GetReport());
+  }
+}
+
+// Elements left open by a parse error have no end tag: one open at the end of the text reaches to
+// the end of the text, one closed by an enclosing end tag ends where that tag begins. Whatever is
+// put at such an end belongs to the element, as a re-parse would have it; an element cannot be
+// placed behind one at its own level, so those edits are refused and change nothing.
+TEST(XmlEdit, ElementsWithoutEndTag) {
+  {
+    // Found by fuzzing: the new element landed behind its parent's recorded end.
+    XmlDocument doc;
+    EXPECT_FALSE(doc.ParseText(u"<a> x"));
+    ASSERT_TRUE(doc.FindSibling(u"a") && doc.Descend());
+    ASSERT_TRUE(doc.AppendElement(u"b", u"", 0));
+    EXPECT_EQ(U8(doc.GetText()), "<a> x\r\n  <b/>\r\n");
+    EXPECT_EQ(doc.ElementRange(doc.parent_position()).length, doc.GetText().size());
+    ExpectSameAsReparse(doc, "append into an open element");
+    ASSERT_TRUE(doc.SetAttribute(u"k", u"v") && doc.AppendElement(u"c", u"t", 0));
+    ExpectSameAsReparse(doc, "attribute and a sibling inside it");
+    ASSERT_TRUE(doc.RemoveElement());
+    ExpectSameAsReparse(doc, "remove the last child");
+    ASSERT_TRUE(doc.InsertSubtree(u"<s><t/></s>"));
+    ExpectSameAsReparse(doc, "insert a subtree");
+    ASSERT_TRUE(doc.Ascend() && doc.SetContent(u"<w/>"));
+    EXPECT_EQ(U8(doc.GetText()), "<a><w/>");
+    ExpectSameAsReparse(doc, "replace its content");
+  }
+  for (const char16_t* text : {u"<a>", u"<r><a></r>"}) {
+    // Open right behind its start tag: no empty-element tag to expand.
+    XmlDocument doc;
+    EXPECT_FALSE(doc.ParseText(text));
+    ASSERT_TRUE(doc.FindSibling(u"/r/a") || doc.FindSibling(u"/a"));
+    ASSERT_TRUE(doc.Descend() && doc.AppendElement(u"b", u"", 0)) << U8(W(text));
+    ExpectSameAsReparse(doc, U8(W(text)) + " append");
+    ASSERT_TRUE(doc.Ascend() && doc.SetContent(u"x<c/>"));
+    ExpectSameAsReparse(doc, U8(W(text)) + " content");
+  }
+  {
+    // A stray end tag inside an open element is content, not its end tag.
+    XmlDocument doc;
+    EXPECT_FALSE(doc.ParseText(u"<a>x</b>"));
+    ASSERT_TRUE(doc.FindSibling(u"a") && doc.Descend() && doc.AppendElement(u"n", u"", 0));
+    EXPECT_EQ(U8(doc.GetText()), "<a>x</b>\r\n  <n/>\r\n");
+    ExpectSameAsReparse(doc, "stray end tag");
+  }
+  {
+    XmlDocument doc;
+    const WString text(u"<r><a>x</r>");
+    EXPECT_FALSE(doc.ParseText(View(text)));
+    ASSERT_TRUE(doc.FindSibling(u"/r/a"));
+    EXPECT_FALSE(doc.AppendElement(u"n", u"", 0));
+    EXPECT_FALSE(doc.InsertSubtree(u"<n/>"));
+    doc.ResetMain();
+    EXPECT_FALSE(doc.AppendElement(u"n", u"", 0));
+    EXPECT_EQ(doc.GetText(), text);
+    EXPECT_EQ(doc.main_position(), 0u);
+    ASSERT_TRUE(doc.FindSibling(u"a") && doc.Descend() && doc.AppendElement(u"n", u"", 0));
+    ExpectSameAsReparse(doc, "append inside the element closed by its parent's end tag");
+    doc.ResetAll();
+    ASSERT_TRUE(doc.FindSibling(u"r"));
+    ASSERT_TRUE(doc.AppendElement(u"s", u"", 0));  // behind an element with its end tag
+    ExpectSameAsReparse(doc, "sibling of the root");
   }
 }
 
@@ -552,6 +642,61 @@ TEST_F(XmlDocumentFileTest, ReportStartsWithReadSummaryAndMarkSurvivesEdit) {
   EXPECT_FALSE(doc.GetReport().empty());
   EXPECT_TRUE(doc.GetText().empty());
   EXPECT_FALSE(doc.HasValidRoot());
+}
+
+// LoadBytes is LoadFile after the read: the same mark detection, flags, report and parse.
+TEST_F(XmlDocumentFileTest, LoadBytesDecodesAsLoadFileDoes) {
+  struct Case {
+    std::string bytes;
+    const char* report;
+    uint32_t flags;
+  };
+  const Case cases[] = {
+      {std::string("\xEF\xBB\xBF<a>\xE2\x82\xAC</a>", 13), "UTF-8 BOM + 10 bytes to 8 wide chars",
+       kXmlFlagUtf8Bom},
+      {std::string("\xFF\xFE<\0a\0/\0>\0x", 11), "UTF-16LE BOM + 4 wide chars", kXmlFlagUtf16Bom},
+      {std::string("<a>\xC3</a>", 8), "8 bytes to 8 wide chars", 0},
+      {std::string("<a>", 3), "3 bytes to 3 wide chars, Element 'a' at offset 0 not ended", 0},
+      {std::string(), "0 bytes to 0 wide chars, Empty document", 0},
+  };
+  for (const Case& c : cases) {
+    WriteBytes("b.xml", c.bytes);
+    XmlDocument from_file;
+    from_file.set_flags(kXmlFlagUtf16Bom | kXmlFlagUtf8Bom | 0x100);
+    const bool file_result = from_file.LoadFile(PathOf("b.xml"));
+    XmlDocument from_bytes;
+    from_bytes.set_flags(kXmlFlagUtf16Bom | kXmlFlagUtf8Bom | 0x100);
+    const auto* data = reinterpret_cast<const uint8_t*>(c.bytes.data());
+    EXPECT_EQ(from_bytes.LoadBytes(data, c.bytes.size()), file_result) << c.report;
+    EXPECT_EQ(U8(from_bytes.GetReport()), c.report);
+    EXPECT_EQ(from_file.GetReport(), from_bytes.GetReport());
+    EXPECT_EQ(from_bytes.flags(), c.flags | 0x100) << c.report;  // other bits are kept
+    EXPECT_EQ(from_file.flags(), from_bytes.flags());
+    EXPECT_EQ(from_file.GetText(), from_bytes.GetText());
+  }
+  XmlDocument doc;
+  EXPECT_TRUE(doc.LoadBytes(reinterpret_cast<const uint8_t*>("<r/>"), 4));
+  EXPECT_TRUE(doc.HasValidRoot());
+}
+
+// A large file is decoded a piece at a time; sequences, whole or broken, that straddle where a
+// piece ends must read as they do in one piece.
+TEST(XmlLoadBytes, PiecesOfALargeTextDecodeAsTheWhole) {
+  constexpr std::size_t kPiece = 32768;
+  const std::string sequences[] = {"\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xE2\x82",
+                                   "\x80\x80\x80\x80\x80", "\xC3", "\xF0\x9F\x98\xC3\xA9"};
+  for (const std::string& mark : {std::string(), std::string("\xEF\xBB\xBF")}) {
+    for (const std::string& sequence : sequences) {
+      for (std::size_t shift = 0; shift < 8; ++shift) {
+        std::string utf8 = "<r>" + std::string(kPiece - 7 + shift, 'a') + sequence;
+        utf8 += std::string(kPiece + 100, 'b') + "</r>";
+        const std::string bytes = mark + utf8;
+        XmlDocument doc;
+        EXPECT_TRUE(doc.LoadBytes(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));
+        EXPECT_TRUE(doc.GetText() == Utf8ToWide(utf8)) << "shift " << shift;
+      }
+    }
+  }
 }
 
 }  // namespace

@@ -28,8 +28,10 @@ void Splice(WString* text, XmlElementIndex* index, uint32_t pos, uint32_t remove
     if (r.flags & kXmlElementRemoved) continue;
     if (r.offset >= behind) {
       r.offset = static_cast<uint32_t>(r.offset + delta);
-    } else if (r.offset < pos && pos < r.end()) {
-      // The splice lies inside this element: in its start tag, or in its content.
+    } else if (r.offset < pos && (pos < r.end() || (pos == r.end() && remove == 0 &&
+                                                   !r.has_end_tag()))) {
+      // The splice lies inside this element: in its start tag, or in its content. Text put right
+      // behind an element without an end tag is its content too.
       if (pos < r.offset + r.tag_length) r.tag_length = static_cast<uint32_t>(r.tag_length + delta);
       r.total_length = static_cast<uint32_t>(r.total_length + delta);
     }
@@ -47,24 +49,32 @@ WString LineIndent(const WString& text, uint32_t offset) {
 }
 
 // Where the end tag of a non-empty element begins; the element's end when it has none (an
-// element left open by a parse error).
+// element left open by a parse error, whose content may well end in a stray end tag). An end tag
+// holds no ">" but its last character, yet it may hold "<" (in its name, or in what follows the
+// name), so it is not simply the last "<": it is the first "</" behind the last ">" before it. An
+// earlier "</" there would have been read as an end tag running to that same ">".
 uint32_t EndTagStart(const WString& text, const XmlElementRecord& r) {
-  if (r.is_empty_tag()) return r.end();
+  if (r.is_empty_tag() || !r.has_end_tag()) return r.end();
   const uint32_t content_start = r.offset + r.tag_length;
-  for (uint32_t p = r.end(); p > content_start;) {
-    --p;
-    if (text[p] == u'<') return (p + 1 < r.end() && text[p + 1] == u'/') ? p : r.end();
+  uint32_t from = r.end() - 1;  // the ">" of the end tag
+  while (from > content_start && text[from - 1] != u'>') --from;
+  for (uint32_t p = from; p + 1 < r.end(); ++p) {
+    if (text[p] == u'<' && text[p + 1] == u'/') return p;
   }
   return r.end();
 }
 
 // "<name attributes/>" becomes "<name attributes></name>", so that the element can take content.
-// Blanks before the "/" go with it.
+// Blanks and further slashes before the "/" go with it: "<name //>" is an empty-element tag too,
+// and what is left must not end in "/".
 void ExpandEmptyElement(WString* text, XmlElementIndex* index, uint32_t id) {
   const XmlElementRecord r = (*index)[id];
   const uint32_t tag_end = r.offset + r.tag_length;
   uint32_t slash = tag_end - 2;
-  while (slash > r.offset + 1 + r.name_length && IsXmlSpace((*text)[slash - 1])) --slash;
+  while (slash > r.offset + 1 + r.name_length &&
+         (IsXmlSpace((*text)[slash - 1]) || (*text)[slash - 1] == u'/')) {
+    --slash;
+  }
   WString replacement(u"></");
   replacement.append(*text, r.offset + 1, r.name_length).append(u">");
   Splice(text, index, slash, tag_end - slash, View(replacement));
@@ -135,6 +145,14 @@ bool IsWritableAttributeName(WStringView name) {
 }
 
 }  // namespace
+
+// Whatever follows an element without an end tag, up to where that element ends, is its content
+// to a re-parse; so nothing can be placed behind it at its own level.
+bool XmlDocument::CanPlaceAtCursor() const {
+  const XmlElementIndex& index = impl_->index;
+  const uint32_t after = main_ != 0 ? main_ : LastChild(index, parent_);
+  return after == 0 || index[after].has_end_tag();
+}
 
 // Layout of added elements: each goes on a line of its own (CR LF), indented like the element it
 // follows; the first element inside a parent is indented one step deeper than the parent (two
@@ -208,7 +226,9 @@ void XmlDocument::LinkAtCursor(ElementId id) {
 }
 
 bool XmlDocument::AppendElement(WStringView name, WStringView data, uint32_t flags) {
-  if (!IsWritableName(name) || text_.size() >= kMaxTextLength) return false;
+  if (!IsWritableName(name) || text_.size() >= kMaxTextLength || !CanPlaceAtCursor()) {
+    return false;
+  }
   WString element(u"<");
   element.append(name.data(), name.size());
   uint32_t tag_length = 0;
@@ -335,6 +355,7 @@ WString XmlDocument::ExtractSubtree() const {
 }
 
 bool XmlDocument::InsertSubtree(WStringView text) {
+  if (!CanPlaceAtCursor()) return false;
   const WString subtree(text.data(), text.size());  // `text` may be a view of text_
   if (text_.size() + subtree.size() + 4 >= kMaxTextLength) return false;
   XmlElementIndex fragment;

@@ -10,6 +10,7 @@
 // step. The written summary counts the bytes after the mark, as the read summary does.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "common/wide_string.h"
@@ -18,6 +19,24 @@ namespace orlenda {
 
 // On failure `summary` holds the system's description of the error.
 bool ReadXmlFile(const WString& path, WString* text, uint32_t* flags, WString* summary);
+
+// Loading decodes a file's bytes where they lie. No text needs more UTF-16 units than its file
+// has bytes, so `size` bytes are put into the upper half of a text buffer of a little more than
+// `size` units (at byte offset `size` or a little behind it) and decoded from the front into the
+// same buffer; a large file then needs no block besides its text.
+
+// Makes `buffer` a buffer for `size` bytes, holding `bytes` in its upper half.
+void PlaceXmlBytes(const uint8_t* bytes, std::size_t size, WString* buffer);
+
+// Reads a whole file into the upper half of `buffer`; `*size` is the byte count. On failure
+// `error_text` holds the system's description of the error.
+bool ReadXmlFileBytes(const WString& path, WString* buffer, std::size_t* size,
+                      WString* error_text);
+
+// Decodes the `size` bytes in the upper half of `buffer`, which becomes the text: the mark decides
+// the encoding and the flags (bits 0 and 2 are cleared or set, the others kept), and `summary` gets
+// the read summary.
+void DecodeXmlBuffer(WString* buffer, std::size_t size, uint32_t* flags, WString* summary);
 
 // Test seam: called between writing the temporary file and replacing the old one; returning
 // false abandons the save there (the temporary file is removed, the old file stays, and the

@@ -18,6 +18,10 @@ namespace orlenda {
 // Record flags.
 constexpr uint32_t kXmlElementIllFormed = 0x1;  // the element had a parse error
 constexpr uint32_t kXmlElementRemoved = 0x2;    // removed by an edit; linked from nowhere
+// Left open by a parse error: the element has no end tag of its own and ends where the text ends
+// or where the end tag of an enclosing element begins. Its last character is therefore not part
+// of it, and text put exactly at its end goes into it: a re-parse would take it in.
+constexpr uint32_t kXmlElementNoEndTag = 0x4;
 
 struct XmlElementRecord {
   uint32_t offset = 0;        // "<" of the start tag
@@ -31,7 +35,10 @@ struct XmlElementRecord {
   uint32_t prev_sibling = 0;
 
   uint32_t end() const { return offset + total_length; }
-  bool is_empty_tag() const { return tag_length == total_length; }
+  bool has_end_tag() const { return (flags & kXmlElementNoEndTag) == 0; }
+  // "<name/>": nothing but its tag, and no end tag to follow. An element left open right behind
+  // its start tag is not one.
+  bool is_empty_tag() const { return tag_length == total_length && has_end_tag(); }
 };
 
 class XmlElementIndex {
@@ -91,10 +98,13 @@ bool NextXmlAttribute(const WString& text, const XmlElementRecord& element, uint
 // Appends `phrase` to a report, after ", " when the report already holds something.
 void AppendReportPhrase(WString* report, WStringView phrase);
 
-// Characters of the tag grammar.
-inline bool IsXmlSpace(WChar c) { return c == u' ' || c == u'\t' || c == u'\n' || c == u'\r'; }
+// Characters of the tag grammar. The sets below ASCII 64 are tested as bits of one word, which
+// the parser's inner loops like better than a chain of comparisons.
+constexpr uint64_t kXmlSpaceBits = (1ull << ' ') | (1ull << '\t') | (1ull << '\n') | (1ull << '\r');
+constexpr uint64_t kXmlNameEndBits = kXmlSpaceBits | (1ull << '/') | (1ull << '>');
+inline bool IsXmlSpace(WChar c) { return c < 64 && ((kXmlSpaceBits >> c) & 1) != 0; }
 // A name runs until one of blank, tab, LF, CR, "/" or ">".
-inline bool EndsXmlName(WChar c) { return IsXmlSpace(c) || c == u'/' || c == u'>'; }
+inline bool EndsXmlName(WChar c) { return c < 64 && ((kXmlNameEndBits >> c) & 1) != 0; }
 inline bool EndsXmlAttributeName(WChar c) {
   return c == u'=' || IsXmlSpace(c) || c == u'>' || c == u'/' || c == u'?';
 }

@@ -8,7 +8,76 @@
 #include "settings/xml_document.h"
 #include "settings/xml_index.h"
 
+#if defined(__SSE2__) || defined(_M_X64) || defined(_M_AMD64)
+#include <emmintrin.h>
+#define ORLENDA_SSE2 1
+#if defined(_MSC_VER)
+#include <intrin.h>
+#endif
+#else
+#define ORLENDA_SSE2 0
+#endif
+
 namespace orlenda {
+namespace {
+
+// Most of the text is looked at only to find the next character of a few: "<" between tags, ">"
+// or a quote in a start tag, the closing quote of a value. Eight characters are compared at once.
+#if ORLENDA_SSE2
+inline unsigned LowestBit(unsigned mask) {
+#if defined(_MSC_VER)
+  unsigned long index;
+  _BitScanForward(&index, mask);
+  return static_cast<unsigned>(index);
+#else
+  return static_cast<unsigned>(__builtin_ctz(mask));
+#endif
+}
+
+inline __m128i Load8(const WChar* p) {
+  return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+}
+
+// The first `a` at or after `p`, or `end`.
+inline const WChar* FindChar(const WChar* p, const WChar* end, WChar a) {
+  const __m128i va = _mm_set1_epi16(static_cast<short>(a));
+  for (; end - p >= 8; p += 8) {
+    const unsigned mask =
+        static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi16(Load8(p), va)));
+    if (mask != 0) return p + LowestBit(mask) / 2;
+  }
+  while (p < end && *p != a) ++p;
+  return p;
+}
+
+// The first of `a`, `b` or `c` at or after `p`, or `end`.
+inline const WChar* FindChar(const WChar* p, const WChar* end, WChar a, WChar b, WChar c) {
+  const __m128i va = _mm_set1_epi16(static_cast<short>(a));
+  const __m128i vb = _mm_set1_epi16(static_cast<short>(b));
+  const __m128i vc = _mm_set1_epi16(static_cast<short>(c));
+  for (; end - p >= 8; p += 8) {
+    const __m128i v = Load8(p);
+    const __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi16(v, va), _mm_cmpeq_epi16(v, vb)),
+                                     _mm_cmpeq_epi16(v, vc));
+    const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
+    if (mask != 0) return p + LowestBit(mask) / 2;
+  }
+  while (p < end && *p != a && *p != b && *p != c) ++p;
+  return p;
+}
+#else
+inline const WChar* FindChar(const WChar* p, const WChar* end, WChar a) {
+  while (p < end && *p != a) ++p;
+  return p;
+}
+
+inline const WChar* FindChar(const WChar* p, const WChar* end, WChar a, WChar b, WChar c) {
+  while (p < end && *p != a && *p != b && *p != c) ++p;
+  return p;
+}
+#endif
+
+}  // namespace
 
 void XmlElementIndex::Reset(std::size_t text_length) {
   segments_.clear();
@@ -73,9 +142,9 @@ class Parser {
   }
   // Position of the first `pattern` at or after `from`, or end_.
   const WChar* Find(const WChar* from, const char16_t* pattern, std::size_t length) const {
-    const WChar first = pattern[0];
-    for (const WChar* p = from; end_ - p >= static_cast<std::ptrdiff_t>(length); ++p) {
-      if (*p == first && std::memcmp(p, pattern, length * sizeof(WChar)) == 0) return p;
+    for (const WChar* p = FindChar(from, end_, pattern[0]);
+         end_ - p >= static_cast<std::ptrdiff_t>(length); p = FindChar(p + 1, end_, pattern[0])) {
+      if (std::memcmp(p, pattern, length * sizeof(WChar)) == 0) return p;
     }
     return end_;
   }
@@ -103,7 +172,7 @@ std::size_t Parser::Run() {
   last_child_.push_back(0);
   const WChar* p = begin_;
   while (true) {
-    while (p < end_ && *p != u'<') ++p;
+    p = FindChar(p, end_, u'<');
     if (p == end_) break;
     const WChar* lt = p;
     if (end_ - lt < 2) {
@@ -139,7 +208,7 @@ std::size_t Parser::Run() {
   for (uint32_t id : open_) {
     XmlElementRecord& r = index_[id];
     r.total_length = text_end - r.offset;
-    r.flags |= kXmlElementIllFormed;
+    r.flags |= kXmlElementIllFormed | kXmlElementNoEndTag;
     Finding(u"Element '%s' at offset %d not ended", NameOf(id), r.offset);
   }
   return findings_;
@@ -150,15 +219,14 @@ const WChar* Parser::StartTag(const WChar* lt) {
   while (q < end_ && !EndsXmlName(*q)) ++q;
   const uint32_t name_length = static_cast<uint32_t>(q - lt - 1);
   // Attributes are not looked at here, only stepped over: quoted values may hold ">".
-  while (q < end_ && *q != u'>') {
-    if (*q == u'"' || *q == u'\'') {
-      const WChar quote = *q++;
-      while (q < end_ && *q != quote) ++q;
-      if (q == end_) break;
-    }
+  for (;;) {
+    q = FindChar(q, end_, u'>', u'"', u'\'');
+    if (q == end_ || *q == u'>') break;
+    q = FindChar(q + 1, end_, *q);  // the closing quote
+    if (q == end_) break;
     ++q;
   }
-  if (q >= end_) {
+  if (q == end_) {
     Unterminated(u"Element tag", lt);
     return nullptr;
   }
@@ -191,7 +259,7 @@ const WChar* Parser::EndTag(const WChar* lt) {
   const WChar* q = name;
   while (q < end_ && !IsXmlSpace(*q) && *q != u'>') ++q;
   const WStringView end_name(name, static_cast<std::size_t>(q - name));
-  while (q < end_ && *q != u'>') ++q;
+  q = FindChar(q, end_, u'>');
   if (q == end_) {
     Unterminated(u"Element end tag", lt);
     return nullptr;
@@ -217,7 +285,7 @@ const WChar* Parser::EndTag(const WChar* lt) {
   index_[innermost].flags |= kXmlElementIllFormed;
   if (match == 0) return q + 1;
   while (open_.size() > match) {
-    index_[open_.back()].flags |= kXmlElementIllFormed;
+    index_[open_.back()].flags |= kXmlElementIllFormed | kXmlElementNoEndTag;
     Close(open_.back(), at);
   }
   Close(open_.back(), after);
