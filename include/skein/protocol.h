@@ -39,6 +39,34 @@ SKEIN_RESULT_CODES(SKEIN_DEFINE_CODE)
   X(SK_LOCK_STATE, 0x50060009u)
 SKEIN_PORT_CONTROLS(SKEIN_DEFINE_CODE)
 
+/* Configuration requests (served by the configuration port, a port name without "/"). */
+#define SKEIN_CONFIG_CONTROLS(X)                 \
+  X(SK_CONFIG_ENUM_PORTS, 0x40070002u)           \
+  X(SK_CONFIG_GET, 0x40070005u)                  \
+  X(SK_CONFIG_GET_SETTINGS, 0x40070007u)         \
+  X(SK_CONFIG_GET_SETTINGS_ALL, 0x40070008u)     \
+  X(SK_CONFIG_APPLY, 0x50070010u)                \
+  X(SK_CONFIG_REQUEST_11, 0x50070011u)           \
+  X(SK_CONFIG_REQUEST_12, 0x50070012u)           \
+  X(SK_CONFIG_ADD_PORT, 0x60070003u)             \
+  X(SK_CONFIG_DELETE_PORT, 0x60070004u)          \
+  X(SK_CONFIG_SET, 0x60070006u)
+SKEIN_CONFIG_CONTROLS(SKEIN_DEFINE_CODE)
+
+/* Property requests (served for every port): typed values kept per port. */
+#define SKEIN_PROPERTY_CONTROLS(X)                  \
+  X(SK_CONFIG_GET_DATA_PROPERTY, 0x40070009u)       \
+  X(SK_CONFIG_GET_NUMBER_PROPERTY, 0x4007000au)     \
+  X(SK_CONFIG_GET_STRING_PROPERTY, 0x4007000bu)     \
+  X(SK_CONFIG_SET_DATA_PROPERTY, 0x6007000du)       \
+  X(SK_CONFIG_SET_NUMBER_PROPERTY, 0x6007000eu)     \
+  X(SK_CONFIG_SET_STRING_PROPERTY, 0x6007000fu)
+SKEIN_PROPERTY_CONTROLS(SKEIN_DEFINE_CODE)
+
+/* What the configuration port asks each component of a stack for: its settings document for the
+ * settings path in the input (UTF-16 with its NUL); the answer is UTF-16 text in the output. */
+static const uint32_t SK_COMPONENT_GET_SETTINGS = 0x4007000cu;
+
 /* The lock request's DWORD to the stack when the requesting client has an access key. */
 static const uint32_t SK_PORT_LOCK_WITH_KEY = 0x10000001u;
 

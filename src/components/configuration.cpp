@@ -7,6 +7,7 @@
 #include "platform/errors.h"
 #include "platform/heap.h"
 #include "platform/resource.h"
+#include "ports/port_table.h"
 
 namespace orlenda {
 
@@ -29,8 +30,7 @@ bool CConfiguration::Load() {
 
   // 1. The configuration lock, then the port-table lock of the port handle layer.
   lock_.emplace();
-  // PORT-TABLE LOCK HOOK (create): the port handle layer's port-table lock is created here, after
-  // the configuration lock; creating it cannot fail. That layer does not exist yet.
+  PortTable::CreateLock();
 
   // 2. The properties store. A file that cannot be used only gives an empty store, so the one
   // failure here is the allocation. The "%s" has no argument on purpose: the message is kept as
@@ -114,8 +114,7 @@ void CConfiguration::Unload() {
   host_table_ = SkHostTable{};
 
   // 4. The port-table lock, then the configuration lock.
-  // PORT-TABLE LOCK HOOK (delete): the port handle layer's port-table lock is deleted here, before
-  // the configuration lock. That layer does not exist yet.
+  PortTable::DeleteLock();
   lock_.reset();
 }
 

@@ -10,9 +10,16 @@
 #include "components/component.h"
 #include "components/configuration.h"
 #include "platform/heap.h"
+#include "ports/sk_connection.h"
+#include "skein/protocol.h"
 
 namespace orlenda {
 namespace {
+
+// What the port enumeration sends a port after taking its lock: the value (the add-port request
+// of a port's serving component), then that request's output.
+constexpr uint32_t kEnumerateAddPort = 0x60070003u;
+constexpr uint32_t kEnumerateFollowUp = 0x50070012u;
 
 // Takes over a string handed in: its text, and the block freed.
 WString Take(SkString* text) {
@@ -115,9 +122,13 @@ int32_t SKEIN_CALL SetString(SkString* path, SkString* value) {
 }
 
 // Asks the service to enumerate the port `path` with `value`: 0 when port enumeration is switched
-// off ("/EnumeratePort" missing or 0), 1 for an empty value.
+// off ("/EnumeratePort" missing or 0), 1 for an empty value. A value goes to the port itself, on
+// an internal client connection: the port's lock is taken, 0x60070003 carries the value's text
+// (UTF-16 with its NUL), 0x50070012 then carries that request's output, and the port is closed
+// again (which gives up the lock). 1 when the open, the lock and 0x60070003 succeeded; what the
+// port answers to 0x50070012 is not looked at.
 uint32_t SKEIN_CALL EnumeratePort(SkString* path, SkString* value) {
-  const WString port_path = Take(path);
+  WString port_path = Take(path);
   const WString text = Take(value);
   uint32_t enabled = 0;
   if (!CConfiguration::WithProperties(
@@ -126,12 +137,24 @@ uint32_t SKEIN_CALL EnumeratePort(SkString* path, SkString* value) {
     return 0;
   }
   if (text.empty()) return 1;
-  // A value goes to the port itself: open `port_path` on an internal client connection, take the
-  // port's lock (SK_PORT_LOCK, 1), send 0x60070003 with the value's text (UTF-16 with its NUL),
-  // then 0x50070012 with that request's output, and close again; 1 when the first two succeeded.
-  // The client operations of the port handle layer that this needs do not exist yet, so until they
-  // do a value is answered 0, as a port that could not be opened would be.
-  return 0;
+
+  const HeapUnique<LocalConnection> connection(HeapNew<LocalConnection>());
+  if (!connection) return 0;
+  if (connection->Open(&port_path) != SKR_SUCCESS) return 0;
+  uint32_t result = 0;
+  const BlobRef lock = BlobRef::Adopt(DwordBlobCreate(1));
+  BlobRef ignored;
+  if (lock && connection->Ioctl(SK_PORT_LOCK, lock, &ignored) == SKR_SUCCESS) {
+    const BlobRef request = BlobRef::Adopt(BlobCopy(text.c_str(), (text.size() + 1) * sizeof(char16_t)));
+    BlobRef answer;
+    if (request && connection->Ioctl(kEnumerateAddPort, request, &answer) == SKR_SUCCESS) {
+      BlobRef follow_up_answer;
+      connection->Ioctl(kEnumerateFollowUp, answer, &follow_up_answer);
+      result = 1;
+    }
+  }
+  connection->Close();
+  return result;
 }
 
 }  // namespace

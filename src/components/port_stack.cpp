@@ -2,6 +2,7 @@
 
 #include "components/configuration.h"
 #include "logging/log.h"
+#include "ports/configuration_port.h"
 #include "settings/property_handler.h"
 
 namespace orlenda {
@@ -105,11 +106,9 @@ uint32_t OpenStack(uint32_t port, WStringView port_path, SkComponentTable* table
   const WStringView path = StripSlashes(port_path);
   const WStringView stack = StackNameOf(path);
   if (stack.empty()) {
-    // CONFIGURATION PORT HOOK: a name without "/" is the built-in configuration port. Its own open
-    // goes here (on success entries 0-3 of `table` become its Open, Close, Write and Ioctl). Until
-    // the port configuration requests provide it, that port is treated as absent: its open entry is
-    // missing, which answers SKR_INVALID_PARAMETER.
-    return SKR_INVALID_PARAMETER;
+    // A name without "/" is the built-in configuration port, opened under that name; no stack is
+    // consulted. On success entries 0-3 of `table` are its Open, Close, Write and Ioctl.
+    return OpenConfigurationPort(port, path, table);
   }
 
   CComponent caller(table);

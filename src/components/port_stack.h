@@ -48,9 +48,8 @@ WStringView StackNameOf(WStringView port_path);
 // condition, SKR_INVALID_SIZE when no configuration is loaded, or the result of the first component
 // whose open failed (the components above it are closed again first).
 //
-// A path without an inner "/" names the built-in configuration port, which this layer does not
-// serve yet: such an open fails with SKR_INVALID_PARAMETER, as an open entry that is missing does,
-// and consults no stack.
+// A path without an inner "/" names the built-in configuration port: it consults no stack, opens
+// the configuration port (OpenConfigurationPort) and, on success, gets its entry points.
 uint32_t OpenStack(uint32_t port, WStringView port_path, SkComponentTable* table);
 
 // Opens the components of `list`, which holds the caller's wrapper first, then the selected

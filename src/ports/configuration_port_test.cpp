@@ -1,0 +1,463 @@
+#include "ports/configuration_port.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "components/configuration.h"
+#include "components/port_stack.h"
+#include "ports/configuration_requests.h"
+#include "ports/port_numbering.h"
+#include "ports/server_registry.h"
+#include "support/isolated_dirs.h"
+#include "support/log_capture.h"
+#include "support/store_files.h"
+#include "test_modules.h"
+
+namespace orlenda {
+namespace {
+
+using testing::Dump;
+using testing::IndexOf;
+using testing::LogCapture;
+using testing::LogLine;
+
+// ---- Numbering ----
+
+HeapVector<WString> Names(std::initializer_list<const char16_t*> names) {
+  HeapVector<WString> list;
+  for (const char16_t* name : names) list.emplace_back(name);
+  return list;
+}
+
+TEST(PortNumbering, SearchesTheDigitsInsideEveryName) {
+  EXPECT_EQ(NewPortKey({}), u"/NAVPRT001");
+  EXPECT_EQ(NewPortKey(Names({u"NAVPRT001", u"NAVPRT003"})), u"/NAVPRT002");
+  // 0020 holds 002 (and 020): not a comparison of numbers.
+  EXPECT_EQ(NewPortKey(Names({u"NAVPRT001", u"COM0020"})), u"/NAVPRT003");
+  // 001 to 009 are there, and so is 010, across "001" and "002".
+  EXPECT_EQ(FreePortNumber(Names({u"x001002003004005006007008009"})), 11u);
+  EXPECT_EQ(NewPortKey(Names({u"1001", u"1002", u"1003", u"1004", u"1005", u"1006", u"1007", u"1008", u"1009"})),
+            u"/NAVPRT010");  // 001 to 009 are inside them; 010 is not
+}
+
+HeapVector<WString> AllNumbersTaken() {
+  HeapVector<WString> names;
+  for (int n = 1; n <= 999; ++n) {
+    const char16_t digits[] = {char16_t(u'0' + n / 100), char16_t(u'0' + n / 10 % 10), char16_t(u'0' + n % 10), 0};
+    names.push_back(WString(u"NAVPRT") + digits);
+  }
+  return names;
+}
+
+TEST(PortNumbering, NoNameOnceAll999AreTaken) {
+  HeapVector<WString> names = AllNumbersTaken();
+  EXPECT_EQ(FreePortNumber(names), 0u);
+  EXPECT_EQ(NewPortKey(names), u"");
+  names.erase(names.begin() + 499);  // NAVPRT500
+  EXPECT_EQ(NewPortKey(names), u"/NAVPRT500");
+}
+
+// ---- Requests, driven through the entries OpenConfigurationPort fills ----
+
+std::u16string Units(const BlobRef& blob) {
+  std::u16string text(blob.size() / 2, u'\0');
+  if (!text.empty()) std::memcpy(&text[0], blob.data(), text.size() * 2);
+  return text;
+}
+
+BlobRef Text(std::u16string_view text) { return BlobRef::Adopt(TextBlob(text)); }
+
+bool StoreString(const char16_t* path, const char16_t* value) {
+  return CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.SetString(path, value); });
+}
+
+WString ReadString(const WString& path) {
+  WString value = u"<missing>";
+  CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.GetString(View(path), &value); });
+  return value;
+}
+
+HeapVector<WString> RootGroups() {
+  HeapVector<WString> names;
+  CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.EnumerateGroups(u"", &names); });
+  return names;
+}
+
+std::u16string Calls() { return std::u16string(View(ReadString(u"/testmodule/calls"))); }
+
+// What the layer below test_a / test_b receives (both opened on the test's configuration port).
+struct Below {
+  std::vector<std::pair<uint32_t, std::u16string>> seen;
+  std::u16string answer_a, answer_b;
+} g_below;
+
+template <char N>
+uint32_t SKEIN_CALL BelowIoctl(uint32_t, uint32_t code, SkBlob* input, SkBlob** output) {
+  const BlobRef in = BlobRef::Adopt(FromSkBlob(input));
+  g_below.seen.emplace_back(code, Units(in));
+  const std::u16string& answer = N == 'a' ? g_below.answer_a : g_below.answer_b;
+  if (output != nullptr) *output = ToSkBlob(TextBlob(answer));
+  return SKR_SUCCESS;
+}
+
+class ConfigurationPortTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { testing::UseIsolatedDirs(); }
+  void SetUp() override {
+    testing::RemoveStoreFiles();
+    {
+      CPropertyHandler store{WString(u"Orlenda.configuration")};
+      ASSERT_TRUE(store.SetString(u"/components/test_a/filename", ORLENDA_TEST_A_MODULE));
+      ASSERT_TRUE(store.SetString(u"/components/test_b/filename", ORLENDA_TEST_B_MODULE));
+      ASSERT_TRUE(store.SetString(u"/components/test_c/filename", ORLENDA_TEST_C_MODULE));
+      ASSERT_TRUE(store.SetString(u"/components/loopback/filename", ORLENDA_LOOPBACK_MODULE));
+      for (const char16_t* entry : {u"/stack/NAVPRT001/test_a/n", u"/stack/NAVPRT001/test_b/n",
+                                    u"/stack/NAVPRT001/test_c/n", u"/stack/NAVPRT/test_a/n", u"/stack/POS/test_a/n",
+                                    u"/stack/POS/loopback/n", u"/stack/BARE/test_a/n"}) {
+        ASSERT_TRUE(store.SetString(entry, u""));
+      }
+    }
+    ASSERT_TRUE(CConfiguration::Load());
+    CConfiguration::WithProperties([](CPropertyHandler& s) { return s.Delete(u"testmodule"); });
+    ASSERT_TRUE(StoreString(u"NAVPRT001/PortType", u"NAVPRT"));
+    ASSERT_TRUE(StoreString(u"NAVPRT001/PortName", u"Receipt"));
+    ASSERT_TRUE(StoreString(u"NAVPRT001/dev1/Model", u"X1"));
+    ASSERT_TRUE(StoreString(u"NAVPRT003/PortType", u"NAVPRT"));
+    ASSERT_TRUE(StoreString(u"TCP_NOTE", u"a flat setting"));
+    ASSERT_EQ(OpenConfigurationPort(kPort, u"", &table_), SKR_SUCCESS);
+  }
+  void TearDown() override {
+    table_.Close(kPort);
+    CConfiguration::Unload();
+    testing::RemoveStoreFiles();
+  }
+
+  uint32_t Ioctl(uint32_t code, BlobRef input, BlobRef* output, uint32_t port = kPort) {
+    Blob* raw = nullptr;
+    const uint32_t result = table_.Ioctl(port, code, ToSkBlob(input.Release()), output ? ToSkBlob_(&raw) : nullptr);
+    if (output != nullptr) *output = BlobRef::Adopt(raw);
+    return result;
+  }
+  static SkBlob** ToSkBlob_(Blob** blob) { return reinterpret_cast<SkBlob**>(blob); }
+
+  static constexpr uint32_t kPort = 7;
+  SkComponentTable table_{};
+};
+
+TEST_F(ConfigurationPortTest, EntriesFindTheObjectByPortNumber) {
+  SkComponentTable again{};
+  EXPECT_EQ(OpenConfigurationPort(kPort, u"other", &again), SKR_INVALID_PARAMETER);  // number in use
+  EXPECT_EQ(again.Ioctl, nullptr);
+
+  // Every request gives up the input reference it was handed, the failing ones included.
+  Blob* input = TextBlob(u"NAVPRT001");
+  BlobRef out;
+  for (uint32_t port : {kPort, 99u}) {
+    for (uint32_t code : {SK_CONFIG_ENUM_PORTS, SK_CONFIG_GET, SK_CONFIG_ADD_PORT, SK_CONFIG_SET, 0x12345678u}) {
+      BlobAddRef(input);
+      const uint32_t result = Ioctl(code, BlobRef::Adopt(input), &out, port);
+      EXPECT_EQ(input->references.load(), 1u) << std::hex << code << " on port " << port;
+      if (port == 99u) {
+        EXPECT_EQ(result, SKR_INVALID_HANDLE);
+      }
+    }
+  }
+  BlobRelease(input);
+  EXPECT_EQ(Ioctl(0x12345678u, BlobRef(), &out), SKR_INVALID_PARAMETER);
+  for (uint32_t code : {SK_PORT_LOCK, SK_CONFIG_APPLY, SK_CONFIG_REQUEST_11, SK_CONFIG_REQUEST_12}) {
+    out = BlobRef();
+    EXPECT_EQ(Ioctl(code, Text(u"x"), &out), SKR_SUCCESS) << std::hex << code;
+    EXPECT_FALSE(out);
+  }
+  uint32_t written = 5;
+  EXPECT_EQ(table_.Write(kPort, ToSkBlob(TextBlob(u"data")), &written), SKR_INVALID_PARAMETER);
+  EXPECT_EQ(written, 0u);
+
+  // The Open entry makes a second object; Close forgets exactly the one of its number.
+  EXPECT_EQ(table_.Open(8, ToSkString(u"NAVPRT001"), nullptr), SKR_SUCCESS);
+  EXPECT_EQ(Ioctl(SK_CONFIG_ENUM_PORTS, BlobRef(), &out, 8), SKR_SUCCESS);
+  EXPECT_EQ(Units(out), std::u16string(u"dev1\0\0", 6));
+  EXPECT_EQ(table_.Close(8), SKR_SUCCESS);
+  EXPECT_EQ(table_.Close(8), SKR_INVALID_HANDLE);
+  EXPECT_EQ(Ioctl(SK_CONFIG_ENUM_PORTS, BlobRef(), &out, 8), SKR_INVALID_HANDLE);
+  EXPECT_EQ(Ioctl(SK_CONFIG_ENUM_PORTS, BlobRef(), &out), SKR_SUCCESS);
+}
+
+TEST_F(ConfigurationPortTest, APortPathWithoutSlashOpensTheConfigurationPort) {
+  SkComponentTable table{};
+  ASSERT_EQ(OpenStack(9, u"//NAVPRT001/", &table), SKR_SUCCESS);
+  EXPECT_EQ(table.Ioctl, table_.Ioctl);
+  BlobRef out;
+  EXPECT_EQ(Ioctl(SK_CONFIG_GET, Text(u"dev1"), &out, 9), SKR_SUCCESS);  // NAVPRT001/dev1
+  EXPECT_EQ(Calls(), u"<missing>");  // no component was consulted
+  WString model;
+  EXPECT_TRUE(CPropertyHandler::FindPropertyInText(View(BlobText(out)), u"Model", &model));
+  EXPECT_EQ(model, u"X1");
+  EXPECT_EQ(table.Close(9), SKR_SUCCESS);
+}
+
+TEST_F(ConfigurationPortTest, EnumPortsAndGet) {
+  LogCapture capture;
+  BlobRef out;
+  EXPECT_EQ(Ioctl(SK_CONFIG_ENUM_PORTS, BlobRef(), nullptr), SKR_INVALID_SIZE);
+  EXPECT_EQ(Ioctl(SK_CONFIG_GET, Text(u"NAVPRT001"), nullptr), SKR_INVALID_SIZE);
+
+  ASSERT_EQ(Ioctl(SK_CONFIG_ENUM_PORTS, BlobRef(), &out), SKR_SUCCESS);
+  EXPECT_EQ(Units(out), std::u16string(u"NAVPRT001\0NAVPRT003\0\0", 21));
+  ASSERT_EQ(Ioctl(SK_CONFIG_ENUM_PORTS, Text(u"NAVPRT003"), &out), SKR_SUCCESS);
+  EXPECT_EQ(Units(out), std::u16string(u"\0", 1));
+
+  ASSERT_EQ(Ioctl(SK_CONFIG_GET, Text(u"NAVPRT001"), &out), SKR_SUCCESS);
+  const std::u16string text = Units(out);
+  ASSERT_EQ(text.back(), u'\0');
+  EXPECT_EQ(text.find(u'\0'), text.size() - 1);
+  EXPECT_EQ(text.rfind(u"<xmlroot>", 0), 0u);
+  WString value;
+  EXPECT_TRUE(CPropertyHandler::FindPropertyInText(View(BlobText(out)), u"PortName", &value));
+  EXPECT_EQ(value, u"Receipt");
+  EXPECT_FALSE(CPropertyHandler::FindPropertyInText(View(BlobText(out)), u"Model", &value));  // sub-groups stay out
+  ASSERT_EQ(Ioctl(SK_CONFIG_GET, Text(u"none"), &out), SKR_SUCCESS);
+  EXPECT_EQ(Units(out), std::u16string(u"<xmlroot></xmlroot>\0", 20));
+
+  const std::vector<LogLine> lines = capture.Lines();
+  EXPECT_GE(IndexOf(lines, u"-- Ioctl( , SK_CONFIG_ENUM_PORTS, ) NAVPRT001 NAVPRT003", 4), 0) << Dump(lines);
+  EXPECT_GE(IndexOf(lines, u"-- Ioctl( , SK_CONFIG_ENUM_PORTS, NAVPRT003)", 4), 0) << Dump(lines);
+}
+
+TEST_F(ConfigurationPortTest, GetSettingsReturnsTheSchemaOrTheMergedComponentDocuments) {
+  BlobRef out;
+  EXPECT_EQ(Ioctl(SK_CONFIG_GET_SETTINGS, BlobRef(), nullptr), SKR_INVALID_SIZE);
+  ASSERT_EQ(Ioctl(SK_CONFIG_GET_SETTINGS, BlobRef(), &out), SKR_SUCCESS);
+  WString schema;
+  ASSERT_EQ(CConfiguration().LoadResourceXML(101, &schema), SKR_SUCCESS);
+  EXPECT_EQ(Units(out), std::u16string(View(schema)) + u'\0');
+  EXPECT_NE(schema.find(u"SK_TCP_COMMUNICATION"), WString::npos);
+
+  // test_a and test_b are open on this port above layers that answer; test_c is not open here
+  // and answers SKR_INVALID_HANDLE, which adds nothing.
+  g_below = Below{};
+  g_below.answer_a = u"<xmlroot><ui language=\"en\" label=\"A\"/><choice id=\"one\"/></xmlroot>";
+  g_below.answer_b = u"<xmlroot><ui language=\"en\" label=\"B\" tooltip=\"tb\"/><range id=\"two\"/></xmlroot>";
+  SkComponentTable layers_a{nullptr, nullptr, nullptr, BelowIoctl<'a'>, nullptr};
+  SkComponentTable layers_b{nullptr, nullptr, nullptr, BelowIoctl<'b'>, nullptr};
+  ASSERT_EQ(CConfiguration::FindComponent(u"test_a")->Open(kPort, u"p", &layers_a), SKR_SUCCESS);
+  ASSERT_EQ(CConfiguration::FindComponent(u"test_b")->Open(kPort, u"p", &layers_b), SKR_SUCCESS);
+
+  for (uint32_t code : {SK_CONFIG_GET_SETTINGS, SK_CONFIG_GET_SETTINGS_ALL}) {
+    SCOPED_TRACE(code);
+    g_below.seen.clear();
+    ASSERT_EQ(Ioctl(code, Text(u"NAVPRT001"), &out), SKR_SUCCESS);
+    const std::vector<std::pair<uint32_t, std::u16string>> asked{{0x4007000cu, std::u16string(u"NAVPRT001\0", 10)},
+                                                                 {0x4007000cu, std::u16string(u"NAVPRT001\0", 10)}};
+    EXPECT_EQ(g_below.seen, asked);
+    const WString merged = BlobText(out);
+    EXPECT_NE(merged.find(u"label=\"A\""), WString::npos) << testing::Narrow(View(merged));
+    EXPECT_EQ(merged.find(u"label=\"B\""), WString::npos);
+    EXPECT_NE(merged.find(u"tooltip=\"tb\""), WString::npos);
+    EXPECT_NE(merged.find(u"id=\"one\""), WString::npos);
+    EXPECT_NE(merged.find(u"id=\"two\""), WString::npos);
+  }
+  // A path naming no stack: the stack's components cannot be listed, while _ALL asks them all.
+  g_below.seen.clear();
+  EXPECT_EQ(Ioctl(SK_CONFIG_GET_SETTINGS, Text(u"NAVPRT003"), &out), SKR_FAILED);
+  EXPECT_TRUE(g_below.seen.empty());
+  ASSERT_EQ(Ioctl(SK_CONFIG_GET_SETTINGS_ALL, BlobRef(), &out), SKR_SUCCESS);
+  EXPECT_EQ(g_below.seen.size(), 2u);
+  EXPECT_EQ(g_below.seen[0].second, std::u16string(u"\0", 1));
+  CConfiguration::FindComponent(u"test_a")->Close(kPort);
+  CConfiguration::FindComponent(u"test_b")->Close(kPort);
+}
+
+std::u16string Definition(const char16_t* path, const char16_t* name = u"Kitchen") {
+  std::u16string text = u"<xmlroot>";
+  if (path != nullptr) text += u"<property id=\"ConfigurationPath\" type=\"string\" value=\"" + std::u16string(path) + u"\"/>";
+  text += u"<property id=\"PortType\" type=\"string\" value=\"NAVPRT\"/><property id=\"PortName\" type=\"string\" value=\"";
+  text += name;
+  text += u"\"/><property id=\"Baud\" type=\"number\" value=\"9600\"/></xmlroot>";
+  return text;
+}
+
+TEST_F(ConfigurationPortTest, AddPortNamesStoresAndPassesOnTheNewPort) {
+  LogCapture capture;
+  g_below = Below{};
+  SkComponentTable layers_a{nullptr, nullptr, nullptr, BelowIoctl<'a'>, nullptr};
+  ASSERT_EQ(CConfiguration::FindComponent(u"test_a")->Open(kPort, u"p", &layers_a), SKR_SUCCESS);
+
+  BlobRef out;
+  ASSERT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Text(Definition(nullptr)), &out), SKR_SUCCESS);
+  EXPECT_EQ(Units(out), std::u16string(u"/NAVPRT002\0", 11));
+  EXPECT_EQ(ReadString(u"NAVPRT002/PortName"), u"Kitchen");
+  EXPECT_EQ(ReadString(u"NAVPRT002/PortType"), u"NAVPRT");
+  uint32_t baud = 0;
+  EXPECT_TRUE(CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.GetNumber(u"NAVPRT002/Baud", &baud); }));
+  EXPECT_EQ(baud, 9600u);
+  // The stack named after the type got the request as it came.
+  const std::vector<std::pair<uint32_t, std::u16string>> passed{{SK_CONFIG_ADD_PORT, Definition(nullptr) + u'\0'}};
+  EXPECT_EQ(g_below.seen, passed);
+  CConfiguration::FindComponent(u"test_a")->Close(kPort);
+
+  // A path with the prefix is used as it is; one without it gives way to a new name. 0020 holds 002.
+  ASSERT_TRUE(CConfiguration::WithProperties([](CPropertyHandler& s) { return s.Delete(u"NAVPRT002"); }));
+  ASSERT_TRUE(StoreString(u"COM0020/PortType", u"COM"));
+  ASSERT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Text(Definition(u"NAVPRT050")), &out), SKR_SUCCESS);
+  EXPECT_EQ(Units(out), std::u16string(u"NAVPRT050\0", 10));
+  ASSERT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Text(Definition(u"COM1", u"Bar")), &out), SKR_SUCCESS);
+  EXPECT_EQ(Units(out), std::u16string(u"/NAVPRT004\0", 11));  // 001, 002 (COM0020), 003 taken
+  EXPECT_EQ(ReadString(u"NAVPRT004/PortName"), u"Bar");
+  EXPECT_EQ(ReadString(u"NAVPRT004/ConfigurationPath"), u"<missing>");
+
+  // An existing port: its path is the answer, and nothing changes.
+  ASSERT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Text(Definition(u"NAVPRT001", u"Other")), &out), SKR_FAILED);
+  EXPECT_EQ(Units(out), std::u16string(u"NAVPRT001\0", 10));
+  EXPECT_EQ(ReadString(u"NAVPRT001/PortName"), u"Receipt");
+
+  out = BlobRef();
+  EXPECT_EQ(Ioctl(SK_CONFIG_ADD_PORT, BlobRef(), &out), SKR_INVALID_SIZE);
+  EXPECT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Text(Definition(nullptr)), nullptr), SKR_INVALID_SIZE);
+  EXPECT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Text(u"PortName=x"), &out), SKR_INVALID_PARAMETER);
+  EXPECT_FALSE(out);
+
+  const std::vector<LogLine> lines = capture.Lines();
+  EXPECT_GE(IndexOf(lines, u"-- Ioctl(, SK_CONFIG_ADD_PORT, /NAVPRT002)\n" + Definition(nullptr), 4), 0) << Dump(lines);
+  EXPECT_GE(IndexOf(lines, u"-- Ioctl(, SK_CONFIG_ADD_PORT, NAVPRT050)\n" + Definition(u"NAVPRT050"), 4), 0);
+}
+
+TEST_F(ConfigurationPortTest, AddPortWithAll999NumbersTakenAddsNothing) {
+  std::u16string xml = u"<xmlroot>";
+  for (const WString& name : AllNumbersTaken()) xml += u"<type value=\"" + std::u16string(View(name)) + u"\"/>";
+  xml += u"</xmlroot>";
+  ASSERT_TRUE(CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.ReplaceGroup(u"", xml); }));
+  BlobRef out;
+  EXPECT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Text(Definition(nullptr)), &out), SKR_FAILED);
+  EXPECT_EQ(Units(out), std::u16string(u"\0", 1));
+  EXPECT_EQ(RootGroups().size(), 999u);
+}
+
+TEST_F(ConfigurationPortTest, ConcurrentAddsNeverShareANumber) {
+  SkComponentTable second{};
+  ASSERT_EQ(OpenConfigurationPort(kPort + 1, u"", &second), SKR_SUCCESS);
+  std::vector<std::u16string> names[2];
+  std::vector<std::thread> threads;
+  for (uint32_t t = 0; t < 2; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 5; ++i) {
+        Blob* out = nullptr;
+        if (table_.Ioctl(kPort + t, SK_CONFIG_ADD_PORT, ToSkBlob(TextBlob(Definition(nullptr))), ToSkBlob_(&out)) ==
+            SKR_SUCCESS) {
+          names[t].push_back(Units(BlobRef::Adopt(out)));
+        } else {
+          BlobRelease(out);
+        }
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  std::set<std::u16string> distinct(names[0].begin(), names[0].end());
+  distinct.insert(names[1].begin(), names[1].end());
+  EXPECT_EQ(names[0].size() + names[1].size(), 10u);
+  EXPECT_EQ(distinct.size(), 10u);
+  const HeapVector<WString> groups = RootGroups();
+  EXPECT_EQ(std::count_if(groups.begin(), groups.end(), [](const WString& g) { return g.rfind(u"NAVPRT", 0) == 0; }),
+            12);
+  second.Close(kPort + 1);
+}
+
+TEST_F(ConfigurationPortTest, DeletePortAndSet) {
+  LogCapture capture;
+  BlobRef out;
+  const std::u16string set = u"<xmlroot><property id=\"ConfigurationPath\" type=\"string\" value=\"NAVPRT001\"/>"
+                             u"<property id=\"PortName\" type=\"string\" value=\"Front\"/></xmlroot>";
+  ASSERT_EQ(Ioctl(SK_CONFIG_SET, Text(set), &out), SKR_SUCCESS);
+  EXPECT_EQ(ReadString(u"NAVPRT001/PortName"), u"Front");
+  EXPECT_EQ(ReadString(u"NAVPRT001/ConfigurationPath"), u"<missing>");
+  std::u16string unknown_type = set;
+  unknown_type.replace(unknown_type.rfind(u"string"), 6, u"float");
+  EXPECT_EQ(Ioctl(SK_CONFIG_SET, Text(unknown_type), &out), SKR_INVALID_PARAMETER);
+  EXPECT_EQ(Ioctl(SK_CONFIG_SET, Text(u"<xmlroot><property id=\"A\" type=\"string\" value=\"1\"/></xmlroot>"), &out),
+            SKR_INVALID_PARAMETER);  // names no port
+  std::u16string unconfigured = set;
+  unconfigured.replace(unconfigured.find(u"NAVPRT001"), 9, u"NAVPRT009");
+  EXPECT_EQ(Ioctl(SK_CONFIG_SET, Text(unconfigured), &out), SKR_FAILED);
+  EXPECT_EQ(ReadString(u"NAVPRT009/PortName"), u"<missing>");
+  EXPECT_EQ(ReadString(u"NAVPRT001/PortName"), u"Front");
+
+  EXPECT_EQ(Ioctl(SK_CONFIG_DELETE_PORT, BlobRef(), &out), SKR_INVALID_SIZE);
+  EXPECT_EQ(Ioctl(SK_CONFIG_DELETE_PORT, Text(u"/"), &out), SKR_INVALID_PARAMETER);
+  EXPECT_EQ(Ioctl(SK_CONFIG_DELETE_PORT, Text(u"TCP_NOTE"), &out), SKR_FAILED);  // a setting, not a port
+  EXPECT_EQ(ReadString(u"TCP_NOTE"), u"a flat setting");
+  EXPECT_EQ(Ioctl(SK_CONFIG_DELETE_PORT, Text(u"NAVPRT001"), &out), SKR_SUCCESS);
+  EXPECT_EQ(RootGroups(), HeapVector<WString>{WString(u"NAVPRT003")});
+  EXPECT_EQ(Ioctl(SK_CONFIG_DELETE_PORT, Text(u"NAVPRT001"), &out), SKR_FAILED);
+
+  const std::vector<LogLine> lines = capture.Lines();
+  EXPECT_GE(IndexOf(lines, u"-- Ioctl(, SK_CONFIG_SET, NAVPRT001)\n" + set, 4), 0) << Dump(lines);
+  EXPECT_EQ(IndexOf(lines, u"-- Ioctl(, SK_CONFIG_SET, NAVPRT009)\n" + unconfigured, 4), -1);
+  const std::u16string deleted = u"-- Ioctl(, SK_CONFIG_DELETE_PORT, NAVPRT001)";
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [&](const LogLine& l) { return l.text == deleted; }), 1)
+      << Dump(lines);
+}
+
+// ---- Port enumeration (host table entry 8), which drives a port through the port layer ----
+
+uint32_t EnumeratePort(const char16_t* path, std::u16string_view value) {
+  return CConfiguration::host_table()->EnumeratePort(ToSkString(path), ToSkString(value));
+}
+
+TEST_F(ConfigurationPortTest, EnumeratePortDrivesAPortOnlyWhenSwitchedOnAndGivenAValue) {
+  ASSERT_TRUE(StoreString(u"POS/dev1/Model", u"X1"));
+  ASSERT_TRUE(StoreString(u"BARE/dev1/Model", u"X1"));
+  const auto switch_to = [](uint32_t on) {
+    return CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.SetNumber(u"/EnumeratePort", on); });
+  };
+  EXPECT_EQ(EnumeratePort(u"POS/dev1", u"value"), 0u);  // the switch is missing
+  ASSERT_TRUE(switch_to(0));
+  EXPECT_EQ(EnumeratePort(u"POS/dev1", u"value"), 0u);
+  ASSERT_TRUE(switch_to(1));
+  EXPECT_EQ(EnumeratePort(u"POS/dev1", u""), 1u);
+  EXPECT_EQ(Calls(), u"<missing>");  // nothing was opened
+
+  // test_a above loopback: the lock passes, the value goes down and loopback refuses it, so there
+  // is no follow-up; the port is closed again either way.
+  EXPECT_EQ(EnumeratePort(u"POS/dev1", u"value"), 0u);
+  EXPECT_EQ(Calls(), u"test_a:open:1;test_a:ioctl:1;test_a:ioctl:1;test_a:close:1;");
+  // test_a alone refuses the lock: the value is never sent.
+  CConfiguration::WithProperties([](CPropertyHandler& s) { return s.Delete(u"testmodule"); });
+  EXPECT_EQ(EnumeratePort(u"BARE/dev1", u"value"), 0u);
+  EXPECT_EQ(Calls(), u"test_a:open:1;test_a:ioctl:1;test_a:close:1;");
+
+  // The configuration port takes the lock, the value as a port definition and the follow-up.
+  EXPECT_EQ(EnumeratePort(u"config", Definition(nullptr)), 1u);
+  EXPECT_EQ(ReadString(u"NAVPRT002/PortName"), u"Kitchen");
+}
+
+// ---- SK_CONFIG_APPLY and the server registry ----
+
+struct CountingServer : SKServer {
+  uint32_t ApplySettings() override { return ++applied; }
+  int applied = 0;
+};
+
+TEST_F(ConfigurationPortTest, ApplyNotifiesEveryRegisteredServerOnce) {
+  CountingServer first, second;
+  RegisterServer(&first);
+  RegisterServer(&second);
+  RegisterServer(&first);  // once only
+  BlobRef out;
+  EXPECT_EQ(Ioctl(SK_CONFIG_APPLY, BlobRef(), &out), SKR_SUCCESS);
+  UnregisterServer(&second);
+  EXPECT_EQ(Ioctl(SK_CONFIG_APPLY, BlobRef(), &out), SKR_SUCCESS);
+  UnregisterServer(&first);
+  EXPECT_EQ(Ioctl(SK_CONFIG_APPLY, BlobRef(), &out), SKR_SUCCESS);
+  EXPECT_EQ(first.applied, 2);
+  EXPECT_EQ(second.applied, 1);
+  EXPECT_EQ(RegisteredServerCount(), 0u);
+}
+
+}  // namespace
+}  // namespace orlenda

@@ -1,0 +1,32 @@
+// The port's event sink, handed to the top of its stack, and the delivery of the port's own
+// notices to its members.
+#include "common/result_codes.h"
+#include "components/component.h"
+#include "ports/open_port.h"
+#include "ports/port_table.h"
+#include "ports/sk_connection.h"
+
+namespace orlenda {
+
+void SKEIN_CALL PortAccess::EventSink(uint32_t number, uint32_t event, SkBlob* data) {
+  const BlobRef held = BlobRef::Adopt(FromSkBlob(data));  // the reference the stack handed up
+  // The reference from the lookup keeps the port allocated even when its last member closes
+  // meanwhile; busy keeps the members from leaving during the walk.
+  PortRef port = PortTable::Find(number);
+  if (!port) return;
+  BusyScope busy(port.get());
+  if ((event & SK_EVENT_PORT_ONLY) != 0) {
+    if (event == SK_EVENT_LOCK_CHANGED) LockChanged(port.get());
+    return;
+  }
+  for (CSKConnection* member : port->members()) member->Event(event, held);
+}
+
+void PortAccess::SendToOthers(COpenPort* port, CSKConnection* except, uint32_t event, const BlobRef& data) {
+  BusyScope busy(port);
+  for (CSKConnection* member : port->members()) {
+    if (member != except) member->Event(event, data);
+  }
+}
+
+}  // namespace orlenda

@@ -1,0 +1,154 @@
+// Event registration, delivery and its filters (bits 28 and 29), with the traces.
+#include <gtest/gtest.h>
+
+#include "ports/port_test_fixture.h"
+#include "support/log_capture.h"
+
+namespace orlenda {
+namespace {
+
+using testing::Dump;
+using testing::IndexOf;
+using testing::IndexOfPrefix;
+using testing::LogCapture;
+using testing::LogLine;
+using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
+
+std::u16string Hex8(uint32_t value) {
+  static const char16_t digits[] = u"0123456789abcdef";
+  std::u16string text(8, u'0');
+  for (int i = 7; i >= 0; --i, value >>= 4) text[i] = digits[value & 0xF];
+  return text;
+}
+
+std::vector<uint32_t> EventIds(LocalConnection& c) {
+  std::vector<uint32_t> ids;
+  for (const auto& e : c.TakeEvents()) ids.push_back(e.event);
+  return ids;
+}
+
+// Raises `event` from the test component at the bottom of the plain stack. The raise code has
+// bits 30 and 29 set, so the connection must hold lock granted (which the plain stack gives to
+// every lock request, refusing the stack's lock).
+uint32_t Raise(CSKConnection& c, uint32_t event) {
+  BlobRef output;
+  return c.Ioctl(kTestRaiseEvent, Dword(event), &output);
+}
+
+TEST_F(PortTest, RegistrationIsTracedAndCountsOnce) {
+  LogCapture capture;
+  LocalConnection c;
+  ASSERT_EQ(OpenName(c, u"loop/dev1"), SKR_SUCCESS);
+  EXPECT_EQ(c.RegisterCallback(kLoopbackData), SKR_SUCCESS);
+  EXPECT_EQ(c.RegisterCallback(kLoopbackData), SKR_SUCCESS);
+  EXPECT_EQ(c.UnregisterCallback(kLoopbackData), SKR_SUCCESS);
+  EXPECT_EQ(c.UnregisterCallback(kLoopbackData), SKR_SUCCESS);
+  ASSERT_EQ(Lock(c), SKR_SUCCESS);
+  c.TakeEvents();
+  ASSERT_EQ(WriteText(c, "gone"), SKR_SUCCESS);
+  EXPECT_TRUE(c.TakeEvents().empty());  // one unregister removed the double registration
+  ASSERT_EQ(c.Close(), SKR_SUCCESS);
+
+  const std::vector<LogLine> lines = capture.Lines();
+  const std::u16string id = Hex8(c.trace_id());
+  const int first = IndexOf(lines, u"-- " + id + u"::RegisterCallback(1, 00070001) <SKR_SUCCESS>", 4);
+  const int again = IndexOf(lines, u"-- " + id + u"::RegisterCallback(1, 00070001) <SKR_SUCCESS> already registered", 4);
+  const int removed = IndexOf(lines, u"-- " + id + u"::UnregisterCallback(1, 00070001) <SKR_SUCCESS>", 4);
+  const int absent = IndexOf(lines, u"-- " + id + u"::UnregisterCallback(1, 00070001) <SKR_SUCCESS> not registered", 4);
+  EXPECT_GE(first, 0) << Dump(lines);
+  EXPECT_GT(again, first) << Dump(lines);
+  EXPECT_GT(removed, again) << Dump(lines);
+  EXPECT_GT(absent, removed) << Dump(lines);
+}
+
+TEST_F(PortTest, StackEventsReachRegisteredMembersWithTraces) {
+  LogCapture capture;
+  LocalConnection writer, listener, deaf, elsewhere;
+  for (auto* c : {&writer, &listener, &deaf}) ASSERT_EQ(OpenName(*c, u"loop/dev1"), SKR_SUCCESS);
+  ASSERT_EQ(OpenName(elsewhere, u"loop/dev2"), SKR_SUCCESS);
+  listener.RegisterCallback(kLoopbackData);
+  writer.RegisterCallback(kLoopbackData);
+  elsewhere.RegisterCallback(kLoopbackData);
+  ASSERT_EQ(Lock(writer), SKR_SUCCESS);
+
+  ASSERT_EQ(WriteText(writer, "echo!"), SKR_SUCCESS);
+  ASSERT_EQ(WriteText(writer, "4byt"), SKR_SUCCESS);  // exactly 4 bytes: traced as a value
+  for (auto* c : {&writer, &listener}) {
+    const auto received = c->TakeEvents();
+    ASSERT_EQ(received.size(), 2u);
+    EXPECT_EQ(received[0].event, kLoopbackData);
+    EXPECT_EQ(Text(received[0].data), "echo!");
+    EXPECT_EQ(Text(received[1].data), "4byt");
+  }
+  EXPECT_TRUE(deaf.TakeEvents().empty());
+  EXPECT_TRUE(elsewhere.TakeEvents().empty());
+
+  const std::vector<LogLine> lines = capture.Lines();
+  const std::u16string id = Hex8(listener.trace_id());
+  EXPECT_GE(IndexOf(lines, u"** " + id + u"::Event(1, 00070001)", 4), 0) << Dump(lines);
+  EXPECT_GE(IndexOf(lines, u"** " + id + u"::Event(1, 00070001, 74796234)", 4), 0) << Dump(lines);
+  EXPECT_LT(IndexOfPrefix(lines, u"** " + Hex8(deaf.trace_id())), 0) << Dump(lines);
+}
+
+TEST_F(PortTest, PortOnlyEventsNeverReachClients) {
+  LocalConnection c;
+  ASSERT_EQ(OpenName(c, u"plain/dev1"), SKR_SUCCESS);
+  ASSERT_EQ(Lock(c), SKR_INVALID_PARAMETER);  // refused by the stack, granted all the same
+  for (uint32_t id : {0x10000005u, SK_EVENT_LOCK_CHANGED, 0x30000005u, 0x00000005u}) c.RegisterCallback(id);
+  c.TakeEvents();
+  for (uint32_t id : {0x10000005u, SK_EVENT_LOCK_CHANGED, 0x30000005u, 0x00000005u}) EXPECT_EQ(Raise(c, id), SKR_SUCCESS);
+  EXPECT_EQ(EventIds(c), std::vector<uint32_t>{0x00000005u});
+}
+
+TEST_F(PortTest, LockOnlyEventsReachLockHoldersOnly) {
+  LocalConnection holder, bystander, unregistered;
+  for (auto* c : {&holder, &bystander, &unregistered}) ASSERT_EQ(OpenName(*c, u"plain/dev1"), SKR_SUCCESS);
+  holder.RegisterCallback(0x20000007u);
+  bystander.RegisterCallback(0x20000007u);
+  ASSERT_EQ(Lock(holder), SKR_INVALID_PARAMETER);
+  ASSERT_TRUE(holder.lock_granted());
+  for (auto* c : {&holder, &bystander, &unregistered}) c->TakeEvents();
+
+  ASSERT_EQ(Raise(holder, 0x20000007u), SKR_SUCCESS);
+  EXPECT_EQ(EventIds(holder), std::vector<uint32_t>{0x20000007u});
+  EXPECT_TRUE(EventIds(bystander).empty());
+  EXPECT_TRUE(EventIds(unregistered).empty());
+
+  // The bystander registered, now gets the lock granted as well (the stack keeps refusing).
+  ASSERT_EQ(Lock(bystander), SKR_INVALID_PARAMETER);  // the refusing stack leaves the queue empty
+  EXPECT_TRUE(bystander.lock_granted());
+  bystander.TakeEvents();
+  ASSERT_EQ(Raise(holder, 0x20000007u), SKR_SUCCESS);
+  EXPECT_EQ(EventIds(bystander), std::vector<uint32_t>{0x20000007u});
+}
+
+TEST_F(PortTest, RegistrationsSurviveClose) {
+  LocalConnection c;
+  c.RegisterCallback(kLoopbackData);  // before any open
+  ASSERT_EQ(OpenName(c, u"loop/dev1"), SKR_SUCCESS);
+  ASSERT_EQ(c.Close(), SKR_SUCCESS);
+  ASSERT_EQ(OpenName(c, u"loop/dev2"), SKR_SUCCESS);
+  ASSERT_EQ(Lock(c), SKR_SUCCESS);
+  c.TakeEvents();
+  ASSERT_EQ(WriteText(c, "still here"), SKR_SUCCESS);
+  EXPECT_EQ(EventIds(c), std::vector<uint32_t>{kLoopbackData});
+}
+
+TEST_F(PortTest, EventsForAPortNoLongerOpenAreDropped) {
+  LocalConnection c;
+  c.RegisterCallback(kLoopbackData);
+  ASSERT_EQ(OpenName(c, u"loop/dev1"), SKR_SUCCESS);
+  const uint32_t port = c.port_number();
+  ASSERT_EQ(c.Close(), SKR_SUCCESS);
+
+  LogCapture capture;
+  // The blob's reference passes to the sink, which must drop it (the leak check sees it).
+  PortAccess::EventSink(port, kLoopbackData, ToSkBlob(BlobCopy("late", 4)));
+  PortAccess::EventSink(port + 40, kLoopbackData, nullptr);
+  EXPECT_TRUE(c.TakeEvents().empty());
+  const std::vector<LogLine> lines = capture.Lines();
+  EXPECT_LT(IndexOfPrefix(lines, u"** "), 0) << Dump(lines);
+}
+
+}  // namespace
+}  // namespace orlenda

@@ -1,0 +1,269 @@
+// Open names, the shared port table, Close, Write and Ioctl with their traces, the router's access
+// rule, and power transitions.
+#include "ports/port_table.h"
+
+#include <gtest/gtest.h>
+
+#include "ports/port_test_fixture.h"
+#include "support/log_capture.h"
+
+namespace orlenda {
+namespace {
+
+using testing::Dump;
+using testing::IndexOf;
+using testing::LogCapture;
+using testing::LogLine;
+using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
+
+std::u16string Hex8(uint32_t value) {
+  static const char16_t digits[] = u"0123456789abcdef";
+  std::u16string text(8, u'0');
+  for (int i = 7; i >= 0; --i, value >>= 4) text[i] = digits[value & 0xF];
+  return text;
+}
+
+std::u16string Id(const CSKConnection& connection) { return Hex8(connection.trace_id()); }
+
+// ---- Names ----
+
+TEST(ParsePortName, TakesKeysAndSlashesApart) {
+  const struct {
+    const char16_t* requested;
+    const char16_t* name;
+    const char16_t* port;
+    const char16_t* member;
+    const char16_t* key;
+  } cases[] = {
+      {u"NAVPRT001?key=abc", u"NAVPRT001", u"NAVPRT001", u"", u"abc"},
+      {u"NAVPRT001?abc", u"NAVPRT001", u"NAVPRT001", u"", u"abc"},
+      {u"//NAVPRT001//", u"NAVPRT001", u"NAVPRT001", u"", u""},
+      {u"///", u"", u"", u"", u""},
+      {u"", u"", u"", u"", u""},
+      {u"/loop/dev1/?a=b=c", u"loop/dev1", u"loop", u"dev1", u"b=c"},  // the key after the first '='
+      {u"loop/dev1?x?y", u"loop/dev1", u"loop", u"dev1", u"x?y"},      // the name before the first '?'
+      {u"loop//dev1", u"loop//dev1", u"loop", u"/dev1", u""},
+      {u"a/b/c", u"a/b/c", u"a", u"b/c", u""},
+      {u"loop/dev1?", u"loop/dev1", u"loop", u"dev1", u""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Narrow(c.requested));
+    const PortName parsed = ParsePortName(c.requested);
+    EXPECT_EQ(parsed.name, WString(c.name));
+    EXPECT_EQ(parsed.port, WString(c.port));
+    EXPECT_EQ(parsed.member, WString(c.member));
+    EXPECT_EQ(parsed.key, WString(c.key));
+  }
+}
+
+// ---- Open and Close ----
+
+TEST_F(PortTest, MembersAreCheckedAgainstTheStoreCaseSensitively) {
+  LocalConnection c;
+  for (const char16_t* name : {u"loop/nosuch", u"loop/Dev1", u"nosuch/dev1", u"loop/dev1/x"}) {
+    EXPECT_EQ(OpenName(c, name), SKR_INVALID_SIZE) << testing::Narrow(name);
+    EXPECT_EQ(c.port_number(), 0u);
+  }
+  EXPECT_EQ(PortTable::Size(), 0u);
+
+  WString name(u"//loop/dev1//?user=k1");
+  ASSERT_EQ(c.Open(&name), SKR_SUCCESS);
+  EXPECT_TRUE(name.empty());  // consumed
+  EXPECT_EQ(c.port_number(), 1u);
+  EXPECT_EQ(c.access_key(), WString(u"k1"));
+  EXPECT_EQ(c.member_name(), WString(u"dev1"));
+  EXPECT_EQ(c.Close(), SKR_SUCCESS);
+  EXPECT_EQ(c.port_number(), 0u);
+  EXPECT_TRUE(c.access_key().empty());
+  EXPECT_TRUE(c.member_name().empty());
+}
+
+TEST_F(PortTest, ConnectionsOfOneNameShareOneStackInstance) {
+  LocalConnection a, b, c;
+  ASSERT_EQ(OpenName(a, u"plain/dev1"), SKR_SUCCESS);
+  ASSERT_EQ(OpenName(b, u"/plain/dev1?key"), SKR_SUCCESS);  // the key is not part of the name
+  ASSERT_EQ(OpenName(c, u"plain/dev2"), SKR_SUCCESS);
+  EXPECT_EQ(a.port_number(), b.port_number());
+  EXPECT_NE(a.port_number(), c.port_number());
+  EXPECT_EQ(PortTable::Size(), 2u);
+
+  const std::u16string port = std::u16string(u":") + char16_t(u'0' + a.port_number()) + u";";
+  EXPECT_EQ(CountOf(ModuleCalls(), u"test_component:open" + port), 1u) << testing::Narrow(ModuleCalls());
+  EXPECT_EQ(a.Close(), SKR_SUCCESS);
+  EXPECT_EQ(CountOf(ModuleCalls(), u"test_component:close" + port), 0u);
+  EXPECT_EQ(b.Close(), SKR_SUCCESS);
+  EXPECT_EQ(CountOf(ModuleCalls(), u"test_component:close" + port), 1u);
+  EXPECT_EQ(PortTable::Size(), 1u);
+  EXPECT_EQ(c.Close(), SKR_SUCCESS);
+}
+
+TEST_F(PortTest, NumbersAreTheSmallestFree) {
+  LocalConnection one, two, three, again;
+  ASSERT_EQ(OpenName(one, u"loop/dev1"), SKR_SUCCESS);
+  ASSERT_EQ(OpenName(two, u"loop/dev2"), SKR_SUCCESS);
+  ASSERT_EQ(OpenName(three, u"loop/dev3"), SKR_SUCCESS);
+  EXPECT_EQ(three.port_number(), 3u);
+  ASSERT_EQ(two.Close(), SKR_SUCCESS);
+  ASSERT_EQ(OpenName(again, u"plain/dev1"), SKR_SUCCESS);
+  EXPECT_EQ(again.port_number(), 2u);
+  // The reused number reaches the new stack, not the old one.
+  EXPECT_NE(ModuleCalls().find(u"test_component:open:2;"), std::u16string::npos);
+}
+
+TEST_F(PortTest, SecondOpenFailsAndKeepsTheFirstPort) {
+  LogCapture capture;
+  LocalConnection c;
+  ASSERT_EQ(OpenName(c, u"loop/dev1"), SKR_SUCCESS);
+  WString second(u"loop/dev2");
+  EXPECT_EQ(c.Open(&second), SKR_INVALID_HANDLE);
+  EXPECT_TRUE(second.empty());
+  EXPECT_EQ(c.port_number(), 1u);
+  EXPECT_EQ(PortTable::Size(), 1u);
+  EXPECT_EQ(c.Close(), SKR_SUCCESS);
+  EXPECT_EQ(c.Close(), SKR_INVALID_HANDLE);  // nothing open any more
+
+  const std::vector<LogLine> lines = capture.Lines();
+  const std::u16string id = Id(c);
+  const int open = IndexOf(lines, u"-> " + id + u"::Open(0, loop/dev1)", 4);
+  const int opened = IndexOf(lines, u"<- " + id + u"::Open(1, loop/dev1) <00000000>", 4);
+  const int refused = IndexOf(lines, u"<- " + id + u"::Open(1, loop/dev2) <SKR_INVALID_HANDLE>", 4);
+  const int closed = IndexOf(lines, u"<- " + id + u"::Close(1) <00000000>", 4);
+  const int idle = IndexOf(lines, u"<- " + id + u"::Close(0) <80000001>", 4);
+  EXPECT_GE(open, 0) << Dump(lines);
+  EXPECT_GT(opened, open) << Dump(lines);
+  EXPECT_GT(refused, opened) << Dump(lines);
+  EXPECT_GT(closed, refused) << Dump(lines);
+  EXPECT_GT(idle, closed) << Dump(lines);
+  EXPECT_GE(IndexOf(lines, u"-> " + id + u"::Close(1)", 4), 0) << Dump(lines);
+}
+
+TEST_F(PortTest, AStackThatFailsToOpenLeavesNothingBehind) {
+  ASSERT_TRUE(SetNumberProperty(u"/testmodule/test_component/openResult", 0x80001234u));
+  LocalConnection c;
+  EXPECT_EQ(OpenName(c, u"plain/dev1"), 0x80001234u);
+  EXPECT_EQ(c.port_number(), 0u);
+  EXPECT_EQ(PortTable::Size(), 0u);
+  EXPECT_EQ(COpenPort::LiveCount(), 0);
+}
+
+// ---- Write and Ioctl ----
+
+TEST_F(PortTest, WriteNeedsTheLockAndTracesItsData) {
+  LogCapture capture;
+  LocalConnection c;
+  uint32_t written = 99;
+  EXPECT_EQ(WriteText(c, "x", &written), SKR_INVALID_HANDLE);  // no port
+  EXPECT_EQ(written, 0u);
+  ASSERT_EQ(OpenName(c, u"loop/dev1"), SKR_SUCCESS);
+  EXPECT_EQ(WriteText(c, "abc"), SKR_NOT_LOCKED);
+  ASSERT_EQ(Lock(c), SKR_SUCCESS);
+  EXPECT_EQ(WriteText(c, "abcd!", &written), SKR_SUCCESS);
+  EXPECT_EQ(written, 5u);
+  EXPECT_EQ(Lock(c, 2), SKR_SUCCESS);
+  EXPECT_EQ(WriteText(c, "abc"), SKR_NOT_LOCKED);  // the lock was given back
+  ASSERT_EQ(c.Close(), SKR_SUCCESS);
+
+  const std::vector<LogLine> lines = capture.Lines();
+  const std::u16string id = Id(c);
+  EXPECT_GE(IndexOf(lines, u"-> " + id + u"::Write(0)", 4), 0) << Dump(lines);
+  EXPECT_GE(IndexOf(lines, u"<- " + id + u"::Write(0, 0) <80000001>", 4), 0) << Dump(lines);
+  EXPECT_GE(IndexOf(lines, u"<- " + id + u"::Write(1, 0) <80010000>", 4), 0) << Dump(lines);
+  EXPECT_GE(IndexOf(lines, u"<- " + id + u"::Write(1, 5) <00000000>", 4), 0) << Dump(lines);
+  EXPECT_GE(IndexOf(lines, u"-> " + id + u"::Ioctl(1, 40010001, 00000001)", 4), 0) << Dump(lines);
+  EXPECT_GE(IndexOf(lines, u"<- " + id + u"::Ioctl(1, 40010001) <00000000>", 4), 0) << Dump(lines);
+}
+
+TEST_F(PortTest, IoctlTracesDwordsAsValuesAndOtherDataAsDumps) {
+  LogCapture capture;
+  LocalConnection c;
+  ASSERT_EQ(OpenName(c, u"loop/dev1"), SKR_SUCCESS);
+  BlobRef output;
+  // Bit 30 clear: straight to the stack, no lock needed. The loopback answers its lock state.
+  EXPECT_EQ(c.Ioctl(SK_LOCK_STATE & ~0x40000000u, BlobRef(), &output), SKR_INVALID_PARAMETER);
+  EXPECT_EQ(c.Ioctl(SK_LOCK_STATE, Bytes("xyz"), &output), SKR_SUCCESS);
+  uint32_t state = 99;
+  EXPECT_TRUE(DwordBlobRead(output.get(), &state));
+  EXPECT_EQ(state, 0u);
+  ASSERT_EQ(c.Close(), SKR_SUCCESS);
+
+  const std::vector<LogLine> lines = capture.Lines();
+  const std::u16string id = Id(c);
+  EXPECT_GE(IndexOf(lines, u"-> " + id + u"::Ioctl(1, 10060009)", 4), 0) << Dump(lines);
+  EXPECT_GE(IndexOf(lines, u"<- " + id + u"::Ioctl(1, 10060009) <80000004>", 4), 0) << Dump(lines);
+  EXPECT_GE(IndexOf(lines, u"-> " + id + u"::Ioctl(1, 50060009)", 4), 0) << Dump(lines);
+  EXPECT_GE(IndexOf(lines, u"<- " + id + u"::Ioctl(1, 50060009, 00000000) <00000000>", 4), 0) << Dump(lines);
+}
+
+TEST_F(PortTest, RouterChecksMembershipAndTheAccessBits) {
+  LocalConnection c;
+  BlobRef output;
+  EXPECT_EQ(c.Ioctl(0x00001234u, BlobRef(), &output), SKR_INVALID_HANDLE);  // no port
+  ASSERT_EQ(OpenName(c, u"plain/dev1"), SKR_SUCCESS);
+  ClearModuleCalls();
+  // Bits 30 and 29 set: refused before the stack without the lock.
+  EXPECT_EQ(c.Ioctl(0x60001234u, BlobRef(), &output), SKR_NOT_LOCKED);
+  EXPECT_EQ(ModuleCalls(), u"");
+  // Bit 30 only, and bit 30 clear: no lock needed; the bottom component refuses unknown codes.
+  EXPECT_EQ(c.Ioctl(0x40001234u, BlobRef(), &output), SKR_INVALID_PARAMETER);
+  EXPECT_EQ(c.Ioctl(0x00001234u, BlobRef(), &output), SKR_INVALID_PARAMETER);
+  EXPECT_EQ(CountOf(ModuleCalls(), u"test_component:ioctl:1;"), 2u);
+  EXPECT_EQ(c.Close(), SKR_SUCCESS);
+}
+
+TEST_F(PortTest, PropertySetsReachTheStoreAndTellTheStack) {
+  LocalConnection c;
+  ASSERT_EQ(OpenName(c, u"plain/dev1"), SKR_SUCCESS);
+  // A set is a bits-30-and-29 code: it needs the lock. The bottom component refuses SK_PORT_LOCK,
+  // and a refused admission grants the lock all the same.
+  EXPECT_EQ(Lock(c), SKR_INVALID_PARAMETER);
+  EXPECT_TRUE(c.lock_granted());
+  ClearModuleCalls();
+
+  const std::u16string name = u"speed";
+  std::vector<uint8_t> input((name.size() + 1) * 2, 0);
+  for (std::size_t i = 0; i < name.size(); ++i) input[2 * i] = static_cast<uint8_t>(name[i]);
+  const uint32_t value = 9600;
+  for (int i = 0; i < 4; ++i) input.push_back(static_cast<uint8_t>(value >> (8 * i)));
+  BlobRef output;
+  EXPECT_EQ(c.Ioctl(0x6007000eu, BlobRef::Adopt(BlobCopy(input.data(), input.size())), &output), SKR_SUCCESS);
+  uint32_t stored = 0;
+  EXPECT_TRUE(CConfiguration::WithProperties(
+      [&](CPropertyHandler& s) { return s.GetNumber(u"plain/dev1/speed", &stored); }));
+  EXPECT_EQ(stored, value);
+  // The stack heard SK_CONFIG_APPLY (and nothing else).
+  EXPECT_EQ(ModuleCalls(), u"test_component:ioctl:1;");
+  EXPECT_EQ(c.Close(), SKR_SUCCESS);
+}
+
+// ---- Power ----
+
+TEST_F(PortTest, SuspendStopsWritesAndLocksAndRepeatedResumesAreDropped) {
+  LocalConnection member, stranger;
+  ASSERT_EQ(OpenName(member, u"plain/dev1"), SKR_SUCCESS);
+  ASSERT_EQ(OpenName(stranger, u"plain/dev2"), SKR_SUCCESS);
+  ClearModuleCalls();
+
+  PortTable::PowerTransition(4);
+  PortTable::PowerTransition(4);
+  // Two suspends, two SK_POWER_STATE per port.
+  EXPECT_EQ(CountOf(ModuleCalls(), u"test_component:ioctl:1;"), 2u);
+  EXPECT_EQ(WriteText(member, "x"), SKR_SUSPENDED);
+  EXPECT_EQ(Lock(member), SKR_SUSPENDED);
+  EXPECT_EQ(member.Ioctl(0x50010005u, BlobRef(), nullptr), SKR_SUSPENDED);
+
+  PortTable::PowerTransition(7);
+  PortTable::PowerTransition(18);  // a second resume in a row is not passed on
+  PortTable::PowerTransition(10);  // nor is an event that is neither
+  EXPECT_EQ(CountOf(ModuleCalls(), u"test_component:ioctl:1;"), 3u);
+  EXPECT_EQ(WriteText(member, "x"), SKR_NOT_LOCKED);
+  EXPECT_EQ(Lock(member), SKR_INVALID_PARAMETER);  // refused by the stack, but not suspended
+
+  PortTable::PowerTransition(4);
+  PortTable::PowerTransition(6);
+  EXPECT_EQ(CountOf(ModuleCalls(), u"test_component:ioctl:1;"), 6u);
+  EXPECT_EQ(member.Close(), SKR_SUCCESS);
+  EXPECT_EQ(stranger.Close(), SKR_SUCCESS);
+}
+
+}  // namespace
+}  // namespace orlenda

@@ -1,0 +1,133 @@
+// Test support for the port layer's tests: a configuration with real stacks, and small helpers.
+//
+// Stacks:
+//   loop:  the loopback module (echoes writes as event 0x00070001, answers SK_PORT_LOCK and
+//          SK_LOCK_STATE; 0x7FFF0002 with a DWORD sets its lock state and raises
+//          SK_EVENT_LOCK_CHANGED)
+//   plain: test_component at the bottom (records its calls in "/testmodule/calls", refuses
+//          SK_PORT_LOCK with SKR_INVALID_PARAMETER, raises any event on 0x7FFF0001)
+// Members (groups in the properties store): loop/dev1, loop/dev2, loop/dev3, plain/dev1, plain/dev2.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "common/blob.h"
+#include "components/configuration.h"
+#include "ports/open_port.h"
+#include "ports/port_table.h"
+#include "ports/sk_connection.h"
+#include "support/isolated_dirs.h"
+#include "support/store_files.h"
+#include "test_modules.h"
+
+namespace orlenda::port_testing {
+
+constexpr uint32_t kLoopbackData = 0x00070001u;
+constexpr uint32_t kLoopbackSetLockState = 0x7FFF0002u;
+constexpr uint32_t kTestRaiseEvent = 0x7FFF0001u;
+
+inline void WritePortConfiguration() {
+  CPropertyHandler store{WString(u"Orlenda.configuration")};
+  ASSERT_TRUE(store.SetString(u"/components/loopback/filename", ORLENDA_LOOPBACK_MODULE));
+  ASSERT_TRUE(store.SetString(u"/components/test_component/filename", ORLENDA_TEST_COMPONENT_MODULE));
+  ASSERT_TRUE(store.SetString(u"/stack/loop/loopback/note", u""));
+  ASSERT_TRUE(store.SetString(u"/stack/plain/test_component/note", u""));
+}
+
+inline bool SetProperty(const WString& path, const WString& value) {
+  return CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.SetString(View(path), value); });
+}
+
+inline bool SetNumberProperty(const WString& path, uint32_t value) {
+  return CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.SetNumber(View(path), value); });
+}
+
+// What the test modules recorded since the last ClearCalls.
+inline std::u16string ModuleCalls() {
+  WString calls;
+  CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.GetString(u"/testmodule/calls", &calls); });
+  return std::u16string(calls.begin(), calls.end());
+}
+
+inline void ClearModuleCalls() {
+  CConfiguration::WithProperties([](CPropertyHandler& s) { return s.Delete(u"/testmodule/calls"); });
+}
+
+inline std::size_t CountOf(const std::u16string& text, const std::u16string& part) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(part); at != std::u16string::npos; at = text.find(part, at + 1)) ++count;
+  return count;
+}
+
+inline BlobRef Dword(uint32_t value) { return BlobRef::Adopt(DwordBlobCreate(value)); }
+
+inline BlobRef Bytes(const std::string& text) { return BlobRef::Adopt(BlobCopy(text.data(), text.size())); }
+
+inline std::string Text(const BlobRef& blob) {
+  return std::string(reinterpret_cast<const char*>(blob.data()), static_cast<std::size_t>(blob.size()));
+}
+
+inline uint32_t OpenName(CSKConnection& connection, const char16_t* name) {
+  WString text(name);
+  return connection.Open(&text);
+}
+
+inline uint32_t Lock(CSKConnection& connection, uint32_t value = 1) {
+  BlobRef output;
+  return connection.Ioctl(SK_PORT_LOCK, Dword(value), &output);
+}
+
+inline uint32_t WriteText(CSKConnection& connection, const std::string& text, uint32_t* written = nullptr) {
+  uint32_t count = 0;
+  const uint32_t result = connection.Write(Bytes(text), &count);
+  if (written != nullptr) *written = count;
+  return result;
+}
+
+// The DWORD values of the events `event` received since the last call (other events are dropped).
+inline std::vector<uint32_t> DwordEvents(LocalConnection& connection, uint32_t event) {
+  std::vector<uint32_t> values;
+  for (const auto& received : connection.TakeEvents()) {
+    uint32_t value = 0;
+    if (received.event == event && DwordBlobRead(received.data.get(), &value)) values.push_back(value);
+  }
+  return values;
+}
+
+// Sets the loopback device's lock state for port `number` as if someone outside the service took
+// or gave back the device: straight to the module, past the port's access rules. The module
+// raises SK_EVENT_LOCK_CHANGED to the port.
+inline uint32_t SetDeviceLockState(uint32_t number, uint32_t state) {
+  CComponent* loopback = CConfiguration::FindComponent(u"loopback");
+  if (loopback == nullptr) return SKR_INVALID_HANDLE;
+  Blob* output = nullptr;
+  const uint32_t result = loopback->Ioctl(number, kLoopbackSetLockState, DwordBlobCreate(state), &output);
+  BlobRelease(output);
+  return result;
+}
+
+class PortTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { testing::UseIsolatedDirs(); }
+  void SetUp() override {
+    testing::RemoveStoreFiles();
+    WritePortConfiguration();
+    ASSERT_TRUE(CConfiguration::Load());
+    for (const char16_t* member : {u"loop/dev1", u"loop/dev2", u"loop/dev3", u"plain/dev1", u"plain/dev2"}) {
+      ASSERT_TRUE(SetProperty(WString(member) + u"/model", u"any"));
+    }
+    ClearModuleCalls();
+  }
+  void TearDown() override {
+    // Every test closes what it opened: nothing may be left behind.
+    EXPECT_EQ(PortTable::Size(), 0u);
+    CConfiguration::Unload();
+    testing::RemoveStoreFiles();
+    EXPECT_EQ(COpenPort::LiveCount(), 0);
+  }
+};
+
+}  // namespace orlenda::port_testing
