@@ -10,6 +10,7 @@
 #include "ports/port_numbering.h"
 #include "ports/server_registry.h"
 #include "settings/property_handler.h"
+#include "settings/property_path.h"
 #include "settings/xml_document.h"
 #include "skein/protocol.h"
 
@@ -32,13 +33,6 @@ WStringView StripSlashes(WStringView text) {
   while (!text.empty() && text.front() == u'/') text.remove_prefix(1);
   while (!text.empty() && text.back() == u'/') text.remove_suffix(1);
   return text;
-}
-
-WString Join(WStringView group, WStringView name) {
-  WString path(group);
-  path += u'/';
-  path += name;
-  return path;
 }
 
 bool StoreString(const WString& path, WString* value) {
@@ -99,7 +93,7 @@ WString ImportText(WStringView text, WStringView target) {
 // without a stack of its own is an ordinary case here).
 ComponentList StackMembers(WStringView stack) {
   ComponentList list;
-  const WString group = Join(u"/stack", stack);
+  const WString group = JoinPropertyPath(u"/stack", stack);
   HeapVector<WString> names;
   if (!CConfiguration::WithConfiguration(
           [&](CPropertyHandler& configuration) { return configuration.EnumerateGroups(View(group), &names); })) {
@@ -162,7 +156,7 @@ uint32_t ConfigurationObject::EnumPorts(const BlobRef& input, Blob** output) {
   if (output == nullptr) return SKR_INVALID_SIZE;
   const WString text = BlobText(input);
   WString key = name_;
-  if (!text.empty()) key = Join(View(key), View(text));
+  if (!text.empty()) key = JoinPropertyPath(View(key), View(text));
   HeapVector<WString> names;
   if (!StoreGroups(View(key), &names)) return SKR_FAILED;
 
@@ -183,7 +177,7 @@ uint32_t ConfigurationObject::EnumPorts(const BlobRef& input, Blob** output) {
 
 uint32_t ConfigurationObject::Get(const BlobRef& input, Blob** output) {
   if (output == nullptr) return SKR_INVALID_SIZE;
-  const WString key = Join(View(name_), View(BlobText(input)));
+  const WString key = JoinPropertyPath(View(name_), View(BlobText(input)));
   WString xml;
   if (!CConfiguration::WithProperties([&](CPropertyHandler& store) { return store.ExportGroup(View(key), &xml); })) {
     return SKR_FAILED;
@@ -265,7 +259,7 @@ uint32_t ConfigurationObject::AddPort(const BlobRef& input, Blob** output) {
     platform::ScopedLock hold(ChangeLock());
     if (path.size() >= 6 && path.find(kPortTypePrefix) != WString::npos) {
       WString ignored;
-      if (StoreString(Join(View(path), kPortType), &ignored) || StoreString(Join(View(path), kPortName), &ignored)) {
+      if (StoreString(JoinPropertyPath(View(path), kPortType), &ignored) || StoreString(JoinPropertyPath(View(path), kPortName), &ignored)) {
         const uint32_t written = Output(output, View(path));
         return written != SKR_SUCCESS ? written : SKR_FAILED;  // the port exists: its path is the answer
       }
@@ -285,8 +279,8 @@ uint32_t ConfigurationObject::AddPort(const BlobRef& input, Blob** output) {
     const bool existed = GroupExists(View(key));
     const WString imported = ImportText(View(settings), View(key));
     const bool stored = CConfiguration::WithProperties([&](CPropertyHandler& store) {
-      return store.ImportProperties(View(imported)) && store.SetString(Join(View(key), kPortName), name) &&
-             store.SetString(Join(View(key), kPortType), type);
+      return store.ImportProperties(View(imported)) && store.SetString(JoinPropertyPath(View(key), kPortName), name) &&
+             store.SetString(JoinPropertyPath(View(key), kPortType), type);
     });
     if (!stored) {
       // A group this request made goes again; one that was there keeps what could be stored.
@@ -343,7 +337,7 @@ uint32_t ConfigurationObject::Set(const BlobRef& input) {
   {
     platform::ScopedLock hold(ChangeLock());
     WString type;
-    if (!StoreString(Join(View(port), kPortType), &type)) return SKR_FAILED;
+    if (!StoreString(JoinPropertyPath(View(port), kPortType), &type)) return SKR_FAILED;
     if (!CConfiguration::WithProperties(
             [&](CPropertyHandler& store) { return store.ImportProperties(View(settings)); })) {
       return SKR_FAILED;

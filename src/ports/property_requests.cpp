@@ -8,6 +8,7 @@
 #include "components/configuration.h"
 #include "logging/log.h"
 #include "ports/configuration_requests.h"
+#include "settings/property_path.h"
 #include "skein/protocol.h"
 
 namespace orlenda {
@@ -31,20 +32,13 @@ bool SplitNameAndValue(const BlobRef& input, WString* name, std::size_t* value_o
   return false;
 }
 
-WString PropertyKey(WStringView port_name, WStringView property) {
-  WString key(port_name);
-  key += u'/';
-  key += property;
-  return key;
-}
-
 uint32_t ServeGet(WStringView port_name, uint32_t code, const BlobRef& input, BlobRef* output) {
   if (input.size() < sizeof(char16_t)) return SKR_INVALID_SIZE;  // not even one unit of a name
   // A get's name may come without its NUL: the text of the whole input is the name then.
   const WString name = BlobText(input);
   if (name.empty()) return SKR_INVALID_PARAMETER;  // the key would name the port itself
   if (output == nullptr) return SKR_INVALID_SIZE;
-  const WString key = PropertyKey(port_name, View(name));
+  const WString key = JoinPropertyPath(port_name, View(name));
 
   Blob* value = nullptr;
   bool found = false;
@@ -76,7 +70,7 @@ uint32_t ServeSet(WStringView port_name, uint32_t code, const BlobRef& input, bo
   if (name.empty()) return SKR_INVALID_PARAMETER;
   const uint8_t* value = input.data() + offset;
   const std::size_t size = static_cast<std::size_t>(input.size()) - offset;
-  const WString key = PropertyKey(port_name, View(name));
+  const WString key = JoinPropertyPath(port_name, View(name));
 
   if (code == SK_CONFIG_SET_STRING_PROPERTY) {
     // A string is whole UTF-16 units; its NUL, and anything after it, is not part of the value.

@@ -16,6 +16,13 @@ HeapVector<WString> SplitPropertyPath(WStringView path) {
   return components;
 }
 
+WString JoinPropertyPath(WStringView group, WStringView name) {
+  WString path(group);
+  path += u'/';
+  path += name;
+  return path;
+}
+
 uint32_t ParseDecimal(WStringView text) {
   uint64_t value = 0;
   for (char16_t c : text) {

@@ -13,6 +13,9 @@ namespace orlenda {
 // Splits at every "/", ignoring empty components: "/a//b/" gives "a", "b".
 HeapVector<WString> SplitPropertyPath(WStringView path);
 
+// "<group>/<name>": a property path below a group.
+WString JoinPropertyPath(WStringView group, WStringView name);
+
 // Decimal digits up to the first other character; 0 when there are none; a value beyond 32 bits
 // reads as 4294967295.
 uint32_t ParseDecimal(WStringView text);
