@@ -3,21 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "components/configuration.h"
 #include "components/port_stack.h"
 #include "ports/configuration_requests.h"
 #include "ports/port_numbering.h"
+#include "ports/port_test_fixture.h"
 #include "ports/server_registry.h"
-#include "support/isolated_dirs.h"
-#include "support/log_capture.h"
-#include "support/store_files.h"
-#include "test_modules.h"
 
 namespace orlenda {
 namespace {
@@ -26,6 +19,7 @@ using testing::Dump;
 using testing::IndexOf;
 using testing::LogCapture;
 using testing::LogLine;
+using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
 
 // ---- Numbering ----
 
@@ -33,17 +27,6 @@ HeapVector<WString> Names(std::initializer_list<const char16_t*> names) {
   HeapVector<WString> list;
   for (const char16_t* name : names) list.emplace_back(name);
   return list;
-}
-
-TEST(PortNumbering, SearchesTheDigitsInsideEveryName) {
-  EXPECT_EQ(NewPortKey({}), u"/NAVPRT001");
-  EXPECT_EQ(NewPortKey(Names({u"NAVPRT001", u"NAVPRT003"})), u"/NAVPRT002");
-  // 0020 holds 002 (and 020): not a comparison of numbers.
-  EXPECT_EQ(NewPortKey(Names({u"NAVPRT001", u"COM0020"})), u"/NAVPRT003");
-  // 001 to 009 are there, and so is 010, across "001" and "002".
-  EXPECT_EQ(FreePortNumber(Names({u"x001002003004005006007008009"})), 11u);
-  EXPECT_EQ(NewPortKey(Names({u"1001", u"1002", u"1003", u"1004", u"1005", u"1006", u"1007", u"1008", u"1009"})),
-            u"/NAVPRT010");  // 001 to 009 are inside them; 010 is not
 }
 
 HeapVector<WString> AllNumbersTaken() {
@@ -55,7 +38,16 @@ HeapVector<WString> AllNumbersTaken() {
   return names;
 }
 
-TEST(PortNumbering, NoNameOnceAll999AreTaken) {
+TEST(PortNumbering, SearchesTheDigitsInsideEveryName) {
+  EXPECT_EQ(NewPortKey({}), u"/NAVPRT001");
+  EXPECT_EQ(NewPortKey(Names({u"NAVPRT001", u"NAVPRT003"})), u"/NAVPRT002");
+  // 0020 holds 002 (and 020): not a comparison of numbers.
+  EXPECT_EQ(NewPortKey(Names({u"NAVPRT001", u"COM0020"})), u"/NAVPRT003");
+  // 001 to 009 are there, and so is 010, across "001" and "002".
+  EXPECT_EQ(FreePortNumber(Names({u"x001002003004005006007008009"})), 11u);
+  EXPECT_EQ(NewPortKey(Names({u"1001", u"1002", u"1003", u"1004", u"1005", u"1006", u"1007", u"1008", u"1009"})),
+            u"/NAVPRT010");
+
   HeapVector<WString> names = AllNumbersTaken();
   EXPECT_EQ(FreePortNumber(names), 0u);
   EXPECT_EQ(NewPortKey(names), u"");
@@ -65,31 +57,14 @@ TEST(PortNumbering, NoNameOnceAll999AreTaken) {
 
 // ---- Requests, driven through the entries OpenConfigurationPort fills ----
 
-std::u16string Units(const BlobRef& blob) {
-  std::u16string text(blob.size() / 2, u'\0');
-  if (!text.empty()) std::memcpy(&text[0], blob.data(), text.size() * 2);
-  return text;
-}
-
-BlobRef Text(std::u16string_view text) { return BlobRef::Adopt(TextBlob(text)); }
-
-bool StoreString(const char16_t* path, const char16_t* value) {
-  return CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.SetString(path, value); });
-}
-
-WString ReadString(const WString& path) {
-  WString value = u"<missing>";
-  CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.GetString(View(path), &value); });
-  return value;
-}
+// A text blob as the requests take it: the units and a NUL.
+BlobRef Wide(std::u16string_view text) { return BlobRef::Adopt(TextBlob(text)); }
 
 HeapVector<WString> RootGroups() {
   HeapVector<WString> names;
   CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.EnumerateGroups(u"", &names); });
   return names;
 }
-
-std::u16string Calls() { return std::u16string(View(ReadString(u"/testmodule/calls"))); }
 
 // What the layer below test_a / test_b receives (both opened on the test's configuration port).
 struct Below {
@@ -106,36 +81,30 @@ uint32_t SKEIN_CALL BelowIoctl(uint32_t, uint32_t code, SkBlob* input, SkBlob** 
   return SKR_SUCCESS;
 }
 
-class ConfigurationPortTest : public ::testing::Test {
+class ConfigurationPortTest : public StoreTest {
  protected:
-  static void SetUpTestSuite() { testing::UseIsolatedDirs(); }
+  ConfigurationPortTest()
+      : StoreTest({{u"/components/test_a/filename", ORLENDA_TEST_A_MODULE},
+                   {u"/components/test_b/filename", ORLENDA_TEST_B_MODULE},
+                   {u"/components/test_c/filename", ORLENDA_TEST_C_MODULE},
+                   {u"/components/loopback/filename", ORLENDA_LOOPBACK_MODULE},
+                   {u"/stack/NAVPRT001/test_a/n", u""}, {u"/stack/NAVPRT001/test_b/n", u""},
+                   {u"/stack/NAVPRT001/test_c/n", u""}, {u"/stack/NAVPRT/test_a/n", u""},
+                   {u"/stack/POS/test_a/n", u""}, {u"/stack/POS/loopback/n", u""}, {u"/stack/BARE/test_a/n", u""}}) {}
   void SetUp() override {
-    testing::RemoveStoreFiles();
-    {
-      CPropertyHandler store{WString(u"Orlenda.configuration")};
-      ASSERT_TRUE(store.SetString(u"/components/test_a/filename", ORLENDA_TEST_A_MODULE));
-      ASSERT_TRUE(store.SetString(u"/components/test_b/filename", ORLENDA_TEST_B_MODULE));
-      ASSERT_TRUE(store.SetString(u"/components/test_c/filename", ORLENDA_TEST_C_MODULE));
-      ASSERT_TRUE(store.SetString(u"/components/loopback/filename", ORLENDA_LOOPBACK_MODULE));
-      for (const char16_t* entry : {u"/stack/NAVPRT001/test_a/n", u"/stack/NAVPRT001/test_b/n",
-                                    u"/stack/NAVPRT001/test_c/n", u"/stack/NAVPRT/test_a/n", u"/stack/POS/test_a/n",
-                                    u"/stack/POS/loopback/n", u"/stack/BARE/test_a/n"}) {
-        ASSERT_TRUE(store.SetString(entry, u""));
-      }
-    }
-    ASSERT_TRUE(CConfiguration::Load());
+    StoreTest::SetUp();
+    if (HasFatalFailure()) return;
     CConfiguration::WithProperties([](CPropertyHandler& s) { return s.Delete(u"testmodule"); });
-    ASSERT_TRUE(StoreString(u"NAVPRT001/PortType", u"NAVPRT"));
-    ASSERT_TRUE(StoreString(u"NAVPRT001/PortName", u"Receipt"));
-    ASSERT_TRUE(StoreString(u"NAVPRT001/dev1/Model", u"X1"));
-    ASSERT_TRUE(StoreString(u"NAVPRT003/PortType", u"NAVPRT"));
-    ASSERT_TRUE(StoreString(u"TCP_NOTE", u"a flat setting"));
+    for (const auto& entry : Entries{{u"NAVPRT001/PortType", u"NAVPRT"}, {u"NAVPRT001/PortName", u"Receipt"},
+                                     {u"NAVPRT001/dev1/Model", u"X1"}, {u"NAVPRT003/PortType", u"NAVPRT"},
+                                     {u"TCP_NOTE", u"a flat setting"}}) {
+      ASSERT_TRUE(SetProperty(entry.first, entry.second));
+    }
     ASSERT_EQ(OpenConfigurationPort(kPort, u"", &table_), SKR_SUCCESS);
   }
   void TearDown() override {
     table_.Close(kPort);
-    CConfiguration::Unload();
-    testing::RemoveStoreFiles();
+    StoreTest::TearDown();
   }
 
   uint32_t Ioctl(uint32_t code, BlobRef input, BlobRef* output, uint32_t port = kPort) {
@@ -163,16 +132,14 @@ TEST_F(ConfigurationPortTest, EntriesFindTheObjectByPortNumber) {
       BlobAddRef(input);
       const uint32_t result = Ioctl(code, BlobRef::Adopt(input), &out, port);
       EXPECT_EQ(input->references.load(), 1u) << std::hex << code << " on port " << port;
-      if (port == 99u) {
-        EXPECT_EQ(result, SKR_INVALID_HANDLE);
-      }
+      if (port == 99u) { EXPECT_EQ(result, SKR_INVALID_HANDLE); }
     }
   }
   BlobRelease(input);
   EXPECT_EQ(Ioctl(0x12345678u, BlobRef(), &out), SKR_INVALID_PARAMETER);
   for (uint32_t code : {SK_PORT_LOCK, SK_CONFIG_APPLY, SK_CONFIG_REQUEST_11, SK_CONFIG_REQUEST_12}) {
     out = BlobRef();
-    EXPECT_EQ(Ioctl(code, Text(u"x"), &out), SKR_SUCCESS) << std::hex << code;
+    EXPECT_EQ(Ioctl(code, Wide(u"x"), &out), SKR_SUCCESS) << std::hex << code;
     EXPECT_FALSE(out);
   }
   uint32_t written = 5;
@@ -194,8 +161,8 @@ TEST_F(ConfigurationPortTest, APortPathWithoutSlashOpensTheConfigurationPort) {
   ASSERT_EQ(OpenStack(9, u"//NAVPRT001/", &table), SKR_SUCCESS);
   EXPECT_EQ(table.Ioctl, table_.Ioctl);
   BlobRef out;
-  EXPECT_EQ(Ioctl(SK_CONFIG_GET, Text(u"dev1"), &out, 9), SKR_SUCCESS);  // NAVPRT001/dev1
-  EXPECT_EQ(Calls(), u"<missing>");  // no component was consulted
+  EXPECT_EQ(Ioctl(SK_CONFIG_GET, Wide(u"dev1"), &out, 9), SKR_SUCCESS);  // NAVPRT001/dev1
+  EXPECT_EQ(ModuleCalls(), u"");  // no component was consulted
   WString model;
   EXPECT_TRUE(CPropertyHandler::FindPropertyInText(View(BlobText(out)), u"Model", &model));
   EXPECT_EQ(model, u"X1");
@@ -206,14 +173,14 @@ TEST_F(ConfigurationPortTest, EnumPortsAndGet) {
   LogCapture capture;
   BlobRef out;
   EXPECT_EQ(Ioctl(SK_CONFIG_ENUM_PORTS, BlobRef(), nullptr), SKR_INVALID_SIZE);
-  EXPECT_EQ(Ioctl(SK_CONFIG_GET, Text(u"NAVPRT001"), nullptr), SKR_INVALID_SIZE);
+  EXPECT_EQ(Ioctl(SK_CONFIG_GET, Wide(u"NAVPRT001"), nullptr), SKR_INVALID_SIZE);
 
   ASSERT_EQ(Ioctl(SK_CONFIG_ENUM_PORTS, BlobRef(), &out), SKR_SUCCESS);
   EXPECT_EQ(Units(out), std::u16string(u"NAVPRT001\0NAVPRT003\0\0", 21));
-  ASSERT_EQ(Ioctl(SK_CONFIG_ENUM_PORTS, Text(u"NAVPRT003"), &out), SKR_SUCCESS);
+  ASSERT_EQ(Ioctl(SK_CONFIG_ENUM_PORTS, Wide(u"NAVPRT003"), &out), SKR_SUCCESS);
   EXPECT_EQ(Units(out), std::u16string(u"\0", 1));
 
-  ASSERT_EQ(Ioctl(SK_CONFIG_GET, Text(u"NAVPRT001"), &out), SKR_SUCCESS);
+  ASSERT_EQ(Ioctl(SK_CONFIG_GET, Wide(u"NAVPRT001"), &out), SKR_SUCCESS);
   const std::u16string text = Units(out);
   ASSERT_EQ(text.back(), u'\0');
   EXPECT_EQ(text.find(u'\0'), text.size() - 1);
@@ -222,7 +189,7 @@ TEST_F(ConfigurationPortTest, EnumPortsAndGet) {
   EXPECT_TRUE(CPropertyHandler::FindPropertyInText(View(BlobText(out)), u"PortName", &value));
   EXPECT_EQ(value, u"Receipt");
   EXPECT_FALSE(CPropertyHandler::FindPropertyInText(View(BlobText(out)), u"Model", &value));  // sub-groups stay out
-  ASSERT_EQ(Ioctl(SK_CONFIG_GET, Text(u"none"), &out), SKR_SUCCESS);
+  ASSERT_EQ(Ioctl(SK_CONFIG_GET, Wide(u"none"), &out), SKR_SUCCESS);
   EXPECT_EQ(Units(out), std::u16string(u"<xmlroot></xmlroot>\0", 20));
 
   const std::vector<LogLine> lines = capture.Lines();
@@ -252,7 +219,7 @@ TEST_F(ConfigurationPortTest, GetSettingsReturnsTheSchemaOrTheMergedComponentDoc
   for (uint32_t code : {SK_CONFIG_GET_SETTINGS, SK_CONFIG_GET_SETTINGS_ALL}) {
     SCOPED_TRACE(code);
     g_below.seen.clear();
-    ASSERT_EQ(Ioctl(code, Text(u"NAVPRT001"), &out), SKR_SUCCESS);
+    ASSERT_EQ(Ioctl(code, Wide(u"NAVPRT001"), &out), SKR_SUCCESS);
     const std::vector<std::pair<uint32_t, std::u16string>> asked{{0x4007000cu, std::u16string(u"NAVPRT001\0", 10)},
                                                                  {0x4007000cu, std::u16string(u"NAVPRT001\0", 10)}};
     EXPECT_EQ(g_below.seen, asked);
@@ -265,7 +232,7 @@ TEST_F(ConfigurationPortTest, GetSettingsReturnsTheSchemaOrTheMergedComponentDoc
   }
   // A path naming no stack: the stack's components cannot be listed, while _ALL asks them all.
   g_below.seen.clear();
-  EXPECT_EQ(Ioctl(SK_CONFIG_GET_SETTINGS, Text(u"NAVPRT003"), &out), SKR_FAILED);
+  EXPECT_EQ(Ioctl(SK_CONFIG_GET_SETTINGS, Wide(u"NAVPRT003"), &out), SKR_FAILED);
   EXPECT_TRUE(g_below.seen.empty());
   ASSERT_EQ(Ioctl(SK_CONFIG_GET_SETTINGS_ALL, BlobRef(), &out), SKR_SUCCESS);
   EXPECT_EQ(g_below.seen.size(), 2u);
@@ -290,10 +257,10 @@ TEST_F(ConfigurationPortTest, AddPortNamesStoresAndPassesOnTheNewPort) {
   ASSERT_EQ(CConfiguration::FindComponent(u"test_a")->Open(kPort, u"p", &layers_a), SKR_SUCCESS);
 
   BlobRef out;
-  ASSERT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Text(Definition(nullptr)), &out), SKR_SUCCESS);
+  ASSERT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Wide(Definition(nullptr)), &out), SKR_SUCCESS);
   EXPECT_EQ(Units(out), std::u16string(u"/NAVPRT002\0", 11));
-  EXPECT_EQ(ReadString(u"NAVPRT002/PortName"), u"Kitchen");
-  EXPECT_EQ(ReadString(u"NAVPRT002/PortType"), u"NAVPRT");
+  EXPECT_EQ(GetProperty(u"NAVPRT002/PortName"), u"Kitchen");
+  EXPECT_EQ(GetProperty(u"NAVPRT002/PortType"), u"NAVPRT");
   uint32_t baud = 0;
   EXPECT_TRUE(CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.GetNumber(u"NAVPRT002/Baud", &baud); }));
   EXPECT_EQ(baud, 9600u);
@@ -304,23 +271,23 @@ TEST_F(ConfigurationPortTest, AddPortNamesStoresAndPassesOnTheNewPort) {
 
   // A path with the prefix is used as it is; one without it gives way to a new name. 0020 holds 002.
   ASSERT_TRUE(CConfiguration::WithProperties([](CPropertyHandler& s) { return s.Delete(u"NAVPRT002"); }));
-  ASSERT_TRUE(StoreString(u"COM0020/PortType", u"COM"));
-  ASSERT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Text(Definition(u"NAVPRT050")), &out), SKR_SUCCESS);
+  ASSERT_TRUE(SetProperty(u"COM0020/PortType", u"COM"));
+  ASSERT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Wide(Definition(u"NAVPRT050")), &out), SKR_SUCCESS);
   EXPECT_EQ(Units(out), std::u16string(u"NAVPRT050\0", 10));
-  ASSERT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Text(Definition(u"COM1", u"Bar")), &out), SKR_SUCCESS);
+  ASSERT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Wide(Definition(u"COM1", u"Bar")), &out), SKR_SUCCESS);
   EXPECT_EQ(Units(out), std::u16string(u"/NAVPRT004\0", 11));  // 001, 002 (COM0020), 003 taken
-  EXPECT_EQ(ReadString(u"NAVPRT004/PortName"), u"Bar");
-  EXPECT_EQ(ReadString(u"NAVPRT004/ConfigurationPath"), u"<missing>");
+  EXPECT_EQ(GetProperty(u"NAVPRT004/PortName"), u"Bar");
+  EXPECT_EQ(GetProperty(u"NAVPRT004/ConfigurationPath"), u"<missing>");
 
   // An existing port: its path is the answer, and nothing changes.
-  ASSERT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Text(Definition(u"NAVPRT001", u"Other")), &out), SKR_FAILED);
+  ASSERT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Wide(Definition(u"NAVPRT001", u"Other")), &out), SKR_FAILED);
   EXPECT_EQ(Units(out), std::u16string(u"NAVPRT001\0", 10));
-  EXPECT_EQ(ReadString(u"NAVPRT001/PortName"), u"Receipt");
+  EXPECT_EQ(GetProperty(u"NAVPRT001/PortName"), u"Receipt");
 
   out = BlobRef();
   EXPECT_EQ(Ioctl(SK_CONFIG_ADD_PORT, BlobRef(), &out), SKR_INVALID_SIZE);
-  EXPECT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Text(Definition(nullptr)), nullptr), SKR_INVALID_SIZE);
-  EXPECT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Text(u"PortName=x"), &out), SKR_INVALID_PARAMETER);
+  EXPECT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Wide(Definition(nullptr)), nullptr), SKR_INVALID_SIZE);
+  EXPECT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Wide(u"PortName=x"), &out), SKR_INVALID_PARAMETER);
   EXPECT_FALSE(out);
 
   const std::vector<LogLine> lines = capture.Lines();
@@ -334,7 +301,7 @@ TEST_F(ConfigurationPortTest, AddPortWithAll999NumbersTakenAddsNothing) {
   xml += u"</xmlroot>";
   ASSERT_TRUE(CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.ReplaceGroup(u"", xml); }));
   BlobRef out;
-  EXPECT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Text(Definition(nullptr)), &out), SKR_FAILED);
+  EXPECT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Wide(Definition(nullptr)), &out), SKR_FAILED);
   EXPECT_EQ(Units(out), std::u16string(u"\0", 1));
   EXPECT_EQ(RootGroups().size(), 999u);
 }
@@ -373,27 +340,27 @@ TEST_F(ConfigurationPortTest, DeletePortAndSet) {
   BlobRef out;
   const std::u16string set = u"<xmlroot><property id=\"ConfigurationPath\" type=\"string\" value=\"NAVPRT001\"/>"
                              u"<property id=\"PortName\" type=\"string\" value=\"Front\"/></xmlroot>";
-  ASSERT_EQ(Ioctl(SK_CONFIG_SET, Text(set), &out), SKR_SUCCESS);
-  EXPECT_EQ(ReadString(u"NAVPRT001/PortName"), u"Front");
-  EXPECT_EQ(ReadString(u"NAVPRT001/ConfigurationPath"), u"<missing>");
+  ASSERT_EQ(Ioctl(SK_CONFIG_SET, Wide(set), &out), SKR_SUCCESS);
+  EXPECT_EQ(GetProperty(u"NAVPRT001/PortName"), u"Front");
+  EXPECT_EQ(GetProperty(u"NAVPRT001/ConfigurationPath"), u"<missing>");
   std::u16string unknown_type = set;
   unknown_type.replace(unknown_type.rfind(u"string"), 6, u"float");
-  EXPECT_EQ(Ioctl(SK_CONFIG_SET, Text(unknown_type), &out), SKR_INVALID_PARAMETER);
-  EXPECT_EQ(Ioctl(SK_CONFIG_SET, Text(u"<xmlroot><property id=\"A\" type=\"string\" value=\"1\"/></xmlroot>"), &out),
+  EXPECT_EQ(Ioctl(SK_CONFIG_SET, Wide(unknown_type), &out), SKR_INVALID_PARAMETER);
+  EXPECT_EQ(Ioctl(SK_CONFIG_SET, Wide(u"<xmlroot><property id=\"A\" type=\"string\" value=\"1\"/></xmlroot>"), &out),
             SKR_INVALID_PARAMETER);  // names no port
   std::u16string unconfigured = set;
   unconfigured.replace(unconfigured.find(u"NAVPRT001"), 9, u"NAVPRT009");
-  EXPECT_EQ(Ioctl(SK_CONFIG_SET, Text(unconfigured), &out), SKR_FAILED);
-  EXPECT_EQ(ReadString(u"NAVPRT009/PortName"), u"<missing>");
-  EXPECT_EQ(ReadString(u"NAVPRT001/PortName"), u"Front");
+  EXPECT_EQ(Ioctl(SK_CONFIG_SET, Wide(unconfigured), &out), SKR_FAILED);
+  EXPECT_EQ(GetProperty(u"NAVPRT009/PortName"), u"<missing>");
+  EXPECT_EQ(GetProperty(u"NAVPRT001/PortName"), u"Front");
 
   EXPECT_EQ(Ioctl(SK_CONFIG_DELETE_PORT, BlobRef(), &out), SKR_INVALID_SIZE);
-  EXPECT_EQ(Ioctl(SK_CONFIG_DELETE_PORT, Text(u"/"), &out), SKR_INVALID_PARAMETER);
-  EXPECT_EQ(Ioctl(SK_CONFIG_DELETE_PORT, Text(u"TCP_NOTE"), &out), SKR_FAILED);  // a setting, not a port
-  EXPECT_EQ(ReadString(u"TCP_NOTE"), u"a flat setting");
-  EXPECT_EQ(Ioctl(SK_CONFIG_DELETE_PORT, Text(u"NAVPRT001"), &out), SKR_SUCCESS);
+  EXPECT_EQ(Ioctl(SK_CONFIG_DELETE_PORT, Wide(u"/"), &out), SKR_INVALID_PARAMETER);
+  EXPECT_EQ(Ioctl(SK_CONFIG_DELETE_PORT, Wide(u"TCP_NOTE"), &out), SKR_FAILED);  // a setting, not a port
+  EXPECT_EQ(GetProperty(u"TCP_NOTE"), u"a flat setting");
+  EXPECT_EQ(Ioctl(SK_CONFIG_DELETE_PORT, Wide(u"NAVPRT001"), &out), SKR_SUCCESS);
   EXPECT_EQ(RootGroups(), HeapVector<WString>{WString(u"NAVPRT003")});
-  EXPECT_EQ(Ioctl(SK_CONFIG_DELETE_PORT, Text(u"NAVPRT001"), &out), SKR_FAILED);
+  EXPECT_EQ(Ioctl(SK_CONFIG_DELETE_PORT, Wide(u"NAVPRT001"), &out), SKR_FAILED);
 
   const std::vector<LogLine> lines = capture.Lines();
   EXPECT_GE(IndexOf(lines, u"-- Ioctl(, SK_CONFIG_SET, NAVPRT001)\n" + set, 4), 0) << Dump(lines);
@@ -410,8 +377,8 @@ uint32_t EnumeratePort(const char16_t* path, std::u16string_view value) {
 }
 
 TEST_F(ConfigurationPortTest, EnumeratePortDrivesAPortOnlyWhenSwitchedOnAndGivenAValue) {
-  ASSERT_TRUE(StoreString(u"POS/dev1/Model", u"X1"));
-  ASSERT_TRUE(StoreString(u"BARE/dev1/Model", u"X1"));
+  ASSERT_TRUE(SetProperty(u"POS/dev1/Model", u"X1"));
+  ASSERT_TRUE(SetProperty(u"BARE/dev1/Model", u"X1"));
   const auto switch_to = [](uint32_t on) {
     return CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.SetNumber(u"/EnumeratePort", on); });
   };
@@ -420,20 +387,20 @@ TEST_F(ConfigurationPortTest, EnumeratePortDrivesAPortOnlyWhenSwitchedOnAndGiven
   EXPECT_EQ(EnumeratePort(u"POS/dev1", u"value"), 0u);
   ASSERT_TRUE(switch_to(1));
   EXPECT_EQ(EnumeratePort(u"POS/dev1", u""), 1u);
-  EXPECT_EQ(Calls(), u"<missing>");  // nothing was opened
+  EXPECT_EQ(ModuleCalls(), u"");  // nothing was opened
 
   // test_a above loopback: the lock passes, the value goes down and loopback refuses it, so there
   // is no follow-up; the port is closed again either way.
   EXPECT_EQ(EnumeratePort(u"POS/dev1", u"value"), 0u);
-  EXPECT_EQ(Calls(), u"test_a:open:1;test_a:ioctl:1;test_a:ioctl:1;test_a:close:1;");
+  EXPECT_EQ(ModuleCalls(), u"test_a:open:1;test_a:ioctl:1;test_a:ioctl:1;test_a:close:1;");
   // test_a alone refuses the lock: the value is never sent.
-  CConfiguration::WithProperties([](CPropertyHandler& s) { return s.Delete(u"testmodule"); });
+  ClearModuleCalls();
   EXPECT_EQ(EnumeratePort(u"BARE/dev1", u"value"), 0u);
-  EXPECT_EQ(Calls(), u"test_a:open:1;test_a:ioctl:1;test_a:close:1;");
+  EXPECT_EQ(ModuleCalls(), u"test_a:open:1;test_a:ioctl:1;test_a:close:1;");
 
   // The configuration port takes the lock, the value as a port definition and the follow-up.
   EXPECT_EQ(EnumeratePort(u"config", Definition(nullptr)), 1u);
-  EXPECT_EQ(ReadString(u"NAVPRT002/PortName"), u"Kitchen");
+  EXPECT_EQ(GetProperty(u"NAVPRT002/PortName"), u"Kitchen");
 }
 
 // ---- SK_CONFIG_APPLY and the server registry ----

@@ -20,6 +20,17 @@ class LockTest : public PortTest {
     c.RegisterCallback(SK_EVENT_EXCLUSIVE);
     c.RegisterCallback(SK_EVENT_NOTIFY);
   }
+  void Open(std::initializer_list<LocalConnection*> connections) {
+    for (LocalConnection* c : connections) Open(*c);
+  }
+  // The lock state the stack reports.
+  static uint32_t StackLockState(LocalConnection& c) {
+    BlobRef state;
+    uint32_t value = 99;
+    EXPECT_EQ(c.Ioctl(SK_LOCK_STATE, BlobRef(), &state), SKR_SUCCESS);
+    EXPECT_TRUE(DwordBlobRead(state.get(), &value));
+    return value;
+  }
 };
 
 TEST_F(LockTest, ParametersAreCheckedBeforeAnythingHappens) {
@@ -27,11 +38,12 @@ TEST_F(LockTest, ParametersAreCheckedBeforeAnythingHappens) {
   EXPECT_EQ(Lock(c), SKR_INVALID_HANDLE);  // no port
   Open(c);
   BlobRef output;
-  EXPECT_EQ(c.Ioctl(SK_PORT_LOCK, Bytes("\x01\x00"), &output), SKR_INVALID_SIZE);
+  EXPECT_EQ(c.Ioctl(SK_PORT_LOCK, Bytes({"\x01\0", 2}), &output), SKR_INVALID_SIZE);
+  EXPECT_EQ(c.Ioctl(SK_PORT_LOCK, Bytes({"\x01\0\0", 3}), &output), SKR_INVALID_SIZE);
   EXPECT_EQ(c.Ioctl(SK_PORT_LOCK, BlobRef(), &output), SKR_INVALID_SIZE);
   EXPECT_EQ(Lock(c, 3), SKR_INVALID_PARAMETER);
   EXPECT_EQ(Lock(c, 0), SKR_INVALID_PARAMETER);
-  EXPECT_EQ(c.Ioctl(SK_PORT_EXCLUSIVE, Bytes("\x01\x00\x00"), &output), SKR_INVALID_SIZE);
+  EXPECT_EQ(c.Ioctl(SK_PORT_EXCLUSIVE, Bytes({"\x01\0\0", 3}), &output), SKR_INVALID_SIZE);
   EXPECT_FALSE(c.lock_granted());
   EXPECT_FALSE(PortTable::IsAnyPortLocked());
   EXPECT_TRUE(DwordEvents(c, SK_EVENT_LOCK).empty());
@@ -39,8 +51,7 @@ TEST_F(LockTest, ParametersAreCheckedBeforeAnythingHappens) {
 
 TEST_F(LockTest, AdmissionTellsEveryMemberAndWakesTheGuard) {
   LocalConnection a, b, elsewhere;
-  Open(a);
-  Open(b);
+  Open({&a, &b});
   Open(elsewhere, u"loop/dev2");
   LockStateChangedEvent().Wait(0);  // start from unsignalled
 
@@ -53,12 +64,7 @@ TEST_F(LockTest, AdmissionTellsEveryMemberAndWakesTheGuard) {
   EXPECT_EQ(DwordEvents(b, SK_EVENT_LOCK), Values{2});
   EXPECT_TRUE(DwordEvents(elsewhere, SK_EVENT_LOCK).empty());
 
-  // The stack was locked for the port.
-  BlobRef state;
-  ASSERT_EQ(b.Ioctl(SK_LOCK_STATE, BlobRef(), &state), SKR_SUCCESS);
-  uint32_t value = 0;
-  EXPECT_TRUE(DwordBlobRead(state.get(), &value));
-  EXPECT_EQ(value, 1u);
+  EXPECT_EQ(StackLockState(b), 1u);  // the stack was locked for the port
 
   EXPECT_EQ(Lock(a, 2), SKR_SUCCESS);
   EXPECT_TRUE(LockStateChangedEvent().Wait(0));
@@ -105,9 +111,7 @@ TEST_F(LockTest, KeyedRequestsShareTheLockWithOtherKeysOnly) {
 
 TEST_F(LockTest, WaitersAreAdmittedInArrivalOrder) {
   LocalConnection a, b, c;
-  Open(a);
-  Open(b);
-  Open(c);
+  Open({&a, &b, &c});
   ASSERT_EQ(Lock(a), SKR_SUCCESS);
   EXPECT_EQ(Lock(b), SKR_LOCK_PENDING);
   EXPECT_EQ(Lock(c), SKR_LOCK_PENDING);
@@ -155,8 +159,7 @@ TEST_F(LockTest, AHolderThatVanishesPassesTheLockOn) {
 
 TEST_F(LockTest, DeviceHeldElsewhereLeavesAPlaceholderUntilItIsFreeAgain) {
   LocalConnection a, b;
-  Open(a);
-  Open(b);
+  Open({&a, &b});
   ASSERT_EQ(Lock(a), SKR_SUCCESS);
   const uint32_t port = a.port_number();
 
@@ -174,11 +177,7 @@ TEST_F(LockTest, DeviceHeldElsewhereLeavesAPlaceholderUntilItIsFreeAgain) {
   EXPECT_TRUE(PortTable::IsAnyPortLocked());
   EXPECT_EQ(DwordEvents(a, SK_EVENT_LOCK), Values{1});
   EXPECT_EQ(DwordEvents(b, SK_EVENT_LOCK), Values{2});
-  BlobRef state;
-  ASSERT_EQ(a.Ioctl(SK_LOCK_STATE, BlobRef(), &state), SKR_SUCCESS);
-  uint32_t value = 0;
-  EXPECT_TRUE(DwordBlobRead(state.get(), &value));
-  EXPECT_EQ(value, 1u);
+  EXPECT_EQ(StackLockState(a), 1u);
 
   // Any other state changes nothing, and an empty queue ignores the report.
   ASSERT_EQ(SetDeviceLockState(port, 7), SKR_SUCCESS);
@@ -192,10 +191,9 @@ TEST_F(LockTest, DeviceHeldElsewhereLeavesAPlaceholderUntilItIsFreeAgain) {
   EXPECT_TRUE(PortTable::IsAnyPortLocked());
 }
 
-TEST_F(LockTest, AWaiterBehindAPlaceholderIsAdmittedWhenTheDeviceComesBack) {
-  LocalConnection a, b;
-  Open(a);
-  Open(b);
+TEST_F(LockTest, WaitersBehindAPlaceholderAreAdmittedWhenTheDeviceComesBack) {
+  LocalConnection a, b, c;
+  Open({&a, &b, &c});
   ASSERT_EQ(Lock(a), SKR_SUCCESS);
   ASSERT_EQ(Lock(b), SKR_LOCK_PENDING);
   const uint32_t port = a.port_number();
@@ -206,24 +204,15 @@ TEST_F(LockTest, AWaiterBehindAPlaceholderIsAdmittedWhenTheDeviceComesBack) {
   EXPECT_FALSE(b.lock_granted());
   EXPECT_EQ(WriteText(b, "too early"), SKR_NOT_LOCKED);
   b.TakeEvents();
-
   ASSERT_EQ(SetDeviceLockState(port, 3), SKR_SUCCESS);
   EXPECT_TRUE(b.lock_granted());
   EXPECT_EQ(DwordEvents(b, SK_EVENT_LOCK), Values{1});
   EXPECT_EQ(WriteText(b, "now"), SKR_SUCCESS);
   EXPECT_TRUE(PortTable::IsAnyPortLocked());
-}
 
-TEST_F(LockTest, ALockRequestOnAPlaceholderAloneIsAdmittedBehindIt) {
-  LocalConnection a, c;
-  Open(a);
-  Open(c);
-  ASSERT_EQ(Lock(a), SKR_SUCCESS);
-  const uint32_t port = a.port_number();
+  // With the placeholder alone in the queue, a request is admitted at once, behind it.
   ASSERT_EQ(SetDeviceLockState(port, 2), SKR_SUCCESS);
-  ASSERT_EQ(Lock(a, 2), SKR_SUCCESS);  // the queue is the placeholder alone now
-
-  // The placeholder is taken away for the admission and put back in front of the new holder.
+  ASSERT_EQ(Lock(b, 2), SKR_SUCCESS);
   EXPECT_EQ(Lock(c), SKR_SUCCESS);
   EXPECT_TRUE(c.lock_granted());
   EXPECT_FALSE(PortTable::IsAnyPortLocked());
@@ -272,8 +261,7 @@ TEST_F(LockTest, ExclusiveWriterIsTakenRefusedGivenUpAndReleasedByClose) {
 
 TEST_F(LockTest, NotifyReachesTheOtherMembersOnly) {
   LocalConnection a, b, other_port;
-  Open(a);
-  Open(b);
+  Open({&a, &b});
   Open(other_port, u"loop/dev2");
   BlobRef output;
   EXPECT_EQ(a.Ioctl(SK_PORT_NOTIFY, Bytes("hello"), &output), SKR_SUCCESS);  // no lock needed

@@ -1,6 +1,6 @@
-// Test support for the port layer's tests: a configuration with real stacks, and small helpers.
+// Test support for the port layer's tests: a fresh store and configuration, and small helpers.
 //
-// Stacks:
+// PortTest's stacks:
 //   loop:  the loopback module (echoes writes as event 0x00070001, answers SK_PORT_LOCK and
 //          SK_LOCK_STATE; 0x7FFF0002 with a DWORD sets its lock state and raises
 //          SK_EVENT_LOCK_CHANGED)
@@ -11,7 +11,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/blob.h"
@@ -20,6 +22,7 @@
 #include "ports/port_table.h"
 #include "ports/sk_connection.h"
 #include "support/isolated_dirs.h"
+#include "support/log_capture.h"
 #include "support/store_files.h"
 #include "test_modules.h"
 
@@ -29,14 +32,6 @@ constexpr uint32_t kLoopbackData = 0x00070001u;
 constexpr uint32_t kLoopbackSetLockState = 0x7FFF0002u;
 constexpr uint32_t kTestRaiseEvent = 0x7FFF0001u;
 
-inline void WritePortConfiguration() {
-  CPropertyHandler store{WString(u"Orlenda.configuration")};
-  ASSERT_TRUE(store.SetString(u"/components/loopback/filename", ORLENDA_LOOPBACK_MODULE));
-  ASSERT_TRUE(store.SetString(u"/components/test_component/filename", ORLENDA_TEST_COMPONENT_MODULE));
-  ASSERT_TRUE(store.SetString(u"/stack/loop/loopback/note", u""));
-  ASSERT_TRUE(store.SetString(u"/stack/plain/test_component/note", u""));
-}
-
 inline bool SetProperty(const WString& path, const WString& value) {
   return CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.SetString(View(path), value); });
 }
@@ -45,7 +40,14 @@ inline bool SetNumberProperty(const WString& path, uint32_t value) {
   return CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.SetNumber(View(path), value); });
 }
 
-// What the test modules recorded since the last ClearCalls.
+// The stored string, or "<missing>".
+inline WString GetProperty(const WString& path) {
+  WString value = u"<missing>";
+  CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.GetString(View(path), &value); });
+  return value;
+}
+
+// What the test modules recorded since the last ClearModuleCalls ("" when nothing).
 inline std::u16string ModuleCalls() {
   WString calls;
   CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.GetString(u"/testmodule/calls", &calls); });
@@ -62,12 +64,30 @@ inline std::size_t CountOf(const std::u16string& text, const std::u16string& par
   return count;
 }
 
+// Blobs: a DWORD, bytes, UTF-16 units (NULs as written) followed by raw bytes, and back.
 inline BlobRef Dword(uint32_t value) { return BlobRef::Adopt(DwordBlobCreate(value)); }
-
 inline BlobRef Bytes(const std::string& text) { return BlobRef::Adopt(BlobCopy(text.data(), text.size())); }
-
+inline BlobRef Utf16(std::u16string_view text, const std::string& tail = {}) {
+  std::string bytes(text.size() * 2, '\0');
+  if (!text.empty()) std::memcpy(&bytes[0], text.data(), bytes.size());
+  return Bytes(bytes + tail);
+}
 inline std::string Text(const BlobRef& blob) {
   return std::string(reinterpret_cast<const char*>(blob.data()), static_cast<std::size_t>(blob.size()));
+}
+inline std::u16string Units(const BlobRef& blob) {
+  std::u16string text(blob.size() / 2, u'\0');
+  if (!text.empty()) std::memcpy(&text[0], blob.data(), text.size() * 2);
+  return text;
+}
+
+// A connection's id as its trace lines show it.
+inline std::u16string TraceId(const CSKConnection& connection) {
+  static const char16_t digits[] = u"0123456789abcdef";
+  std::u16string text(8, u'0');
+  uint32_t value = connection.trace_id();
+  for (int i = 7; i >= 0; --i, value >>= 4) text[i] = digits[value & 0xF];
+  return text;
 }
 
 inline uint32_t OpenName(CSKConnection& connection, const char16_t* name) {
@@ -109,13 +129,39 @@ inline uint32_t SetDeviceLockState(uint32_t number, uint32_t state) {
   return result;
 }
 
-class PortTest : public ::testing::Test {
+// A fresh store holding `entries` (path and text) when the configuration loads; gone afterwards.
+class StoreTest : public ::testing::Test {
  protected:
+  using Entries = std::vector<std::pair<const char16_t*, const char16_t*>>;
+  explicit StoreTest(Entries entries) : entries_(std::move(entries)) {}
   static void SetUpTestSuite() { testing::UseIsolatedDirs(); }
   void SetUp() override {
     testing::RemoveStoreFiles();
-    WritePortConfiguration();
+    {
+      CPropertyHandler store{WString(u"Orlenda.configuration")};
+      for (const auto& entry : entries_) ASSERT_TRUE(store.SetString(entry.first, entry.second));
+    }
     ASSERT_TRUE(CConfiguration::Load());
+  }
+  void TearDown() override {
+    CConfiguration::Unload();
+    testing::RemoveStoreFiles();
+  }
+
+ private:
+  Entries entries_;
+};
+
+class PortTest : public StoreTest {
+ protected:
+  PortTest()
+      : StoreTest({{u"/components/loopback/filename", ORLENDA_LOOPBACK_MODULE},
+                   {u"/components/test_component/filename", ORLENDA_TEST_COMPONENT_MODULE},
+                   {u"/stack/loop/loopback/note", u""},
+                   {u"/stack/plain/test_component/note", u""}}) {}
+  void SetUp() override {
+    StoreTest::SetUp();
+    if (HasFatalFailure()) return;
     for (const char16_t* member : {u"loop/dev1", u"loop/dev2", u"loop/dev3", u"plain/dev1", u"plain/dev2"}) {
       ASSERT_TRUE(SetProperty(WString(member) + u"/model", u"any"));
     }
@@ -124,8 +170,7 @@ class PortTest : public ::testing::Test {
   void TearDown() override {
     // Every test closes what it opened: nothing may be left behind.
     EXPECT_EQ(PortTable::Size(), 0u);
-    CConfiguration::Unload();
-    testing::RemoveStoreFiles();
+    StoreTest::TearDown();
     EXPECT_EQ(COpenPort::LiveCount(), 0);
   }
 };
