@@ -12,26 +12,17 @@
 
 #include "fuzz/xml_walk.h"
 #include "settings/xml_document.h"
+#include "tests/support/xml_document_order.h"
 
 namespace orlenda::fuzz {
 namespace {
 
-// Every element reachable from the document, in document order, without recursion.
+// Every element reachable from the document, in document order; an index whose links loop
+// shows as more elements than the text has characters.
 std::vector<XmlDocument::ElementId> DocumentOrder(const XmlDocument& doc) {
-  std::vector<XmlDocument::ElementId> order;
-  XmlDocument::ElementId id = doc.Links(0).first_child;
   const std::size_t limit = doc.GetText().size();
-  while (id != 0) {
-    order.push_back(id);
-    Check(order.size() <= limit, "more elements than characters: the links loop");
-    const XmlDocument::ElementLinks links = doc.Links(id);
-    if (links.first_child != 0) {
-      id = links.first_child;
-      continue;
-    }
-    while (id != 0 && doc.Links(id).next_sibling == 0) id = doc.Links(id).parent;
-    if (id != 0) id = doc.Links(id).next_sibling;
-  }
+  std::vector<XmlDocument::ElementId> order = testing::DocumentOrder(doc, limit);
+  Check(order.size() <= limit, "more elements than characters: the links loop");
   return order;
 }
 

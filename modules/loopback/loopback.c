@@ -19,15 +19,7 @@
  *
  * Threads: one lock guards the port list. It is never held while another layer is called, so a
  * layer above may call back into this module from inside an event. */
-#ifdef _WIN32
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#include <windows.h>
-#else
-#include <pthread.h>
-#endif
-
+#include "module_lock.h"
 #include "skein/component.h"
 
 #define LOOPBACK_EVENT_DATA 0x00070001u
@@ -41,24 +33,6 @@ typedef struct LoopbackPort {
 } LoopbackPort;
 
 static LoopbackPort* g_ports;
-
-#ifdef _WIN32
-static CRITICAL_SECTION g_lock;
-static void Lock(void) { EnterCriticalSection(&g_lock); }
-static void Unlock(void) { LeaveCriticalSection(&g_lock); }
-
-BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved) {
-  (void)instance;
-  (void)reserved;
-  if (reason == DLL_PROCESS_ATTACH) InitializeCriticalSection(&g_lock);
-  if (reason == DLL_PROCESS_DETACH) DeleteCriticalSection(&g_lock);
-  return TRUE;
-}
-#else
-static pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
-static void Lock(void) { pthread_mutex_lock(&g_lock); }
-static void Unlock(void) { pthread_mutex_unlock(&g_lock); }
-#endif
 
 /* Under the lock. */
 static LoopbackPort* FindPort(uint32_t number) {

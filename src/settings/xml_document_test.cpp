@@ -8,6 +8,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "support/xml_document_order.h"
+
 namespace orlenda {
 namespace {
 
@@ -19,22 +21,7 @@ std::string U8(const WString& s) { return std::string(WideToUtf8(View(s)).c_str(
 // link out of the tree), so that two indexes built in different ways can be compared.
 using Snapshot = std::array<long long, 8>;
 
-// Walks every element in document order without recursion.
-std::vector<XmlDocument::ElementId> DocumentOrder(const XmlDocument& doc) {
-  std::vector<XmlDocument::ElementId> order;
-  XmlDocument::ElementId id = doc.Links(0).first_child;
-  while (id != 0) {
-    order.push_back(id);
-    auto links = doc.Links(id);
-    if (links.first_child != 0) {
-      id = links.first_child;
-      continue;
-    }
-    while (id != 0 && doc.Links(id).next_sibling == 0) id = doc.Links(id).parent;
-    if (id != 0) id = doc.Links(id).next_sibling;
-  }
-  return order;
-}
+using testing::DocumentOrder;
 
 std::vector<Snapshot> TakeSnapshot(const XmlDocument& doc) {
   const std::vector<XmlDocument::ElementId> order = DocumentOrder(doc);

@@ -29,9 +29,9 @@
 #define _GNU_SOURCE /* dladdr */
 #endif
 #include <dlfcn.h>
-#include <pthread.h>
 #endif
 
+#include "module_lock.h"
 #include "skein/component.h"
 
 #define TEST_RAISE_EVENT 0x7FFF0001u
@@ -50,24 +50,6 @@ static const SkHostTable* g_host;
 static uint16_t g_name[NAME_UNITS];
 static uint32_t g_name_length;
 static TestPort g_ports[MAX_PORTS];
-
-#ifdef _WIN32
-static CRITICAL_SECTION g_lock;
-static void Lock(void) { EnterCriticalSection(&g_lock); }
-static void Unlock(void) { LeaveCriticalSection(&g_lock); }
-
-BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved) {
-  (void)instance;
-  (void)reserved;
-  if (reason == DLL_PROCESS_ATTACH) InitializeCriticalSection(&g_lock);
-  if (reason == DLL_PROCESS_DETACH) DeleteCriticalSection(&g_lock);
-  return TRUE;
-}
-#else
-static pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
-static void Lock(void) { pthread_mutex_lock(&g_lock); }
-static void Unlock(void) { pthread_mutex_unlock(&g_lock); }
-#endif
 
 /* The bare name of this module's file, without folder and extension. */
 static void FindOwnName(void) {
