@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <string>
 #include <unordered_map>
@@ -120,6 +121,20 @@ TEST(XmlParse, FindingsWithOffsets) {
       {u"<a><b></c></b></a>", u"End tag 'c' at offset 6 does not match start tag 'b' at offset 3",
        true},
       {u"</x><a/>", u"No start tag for end tag 'x' at offset 0", true},
+      // The end tag closes the nearest open element of its name, as it stands at that moment.
+      {u"<a><b><a><c></b></a></a>",
+       u"End tag 'b' at offset 12 does not match start tag 'c' at offset 9, "
+       u"No start tag for end tag 'a' at offset 20",
+       true},
+      {u"<a><b></x><c></c></y></a>",
+       u"End tag 'x' at offset 6 does not match start tag 'b' at offset 3, "
+       u"End tag 'y' at offset 17 does not match start tag 'b' at offset 3, "
+       u"End tag 'a' at offset 21 does not match start tag 'b' at offset 3",
+       true},
+      {u"<a><b><a></x></a><a><c></a></b></a>",
+       u"End tag 'x' at offset 9 does not match start tag 'a' at offset 6, "
+       u"End tag 'a' at offset 23 does not match start tag 'c' at offset 20",
+       true},
       {u"<a><b>", u"Element 'a' at offset 0 not ended, Element 'b' at offset 3 not ended", false},
       {u"<a><!DOCTYPE", u"Doctype at offset 3 unterminated, Element 'a' at offset 0 not ended",
        false},
@@ -503,6 +518,30 @@ TEST(XmlSize, DeepNestingNeedsNoStack) {
   ASSERT_TRUE(doc.FindSibling(u"a") && doc.RemoveElement());
   EXPECT_TRUE(doc.GetText().empty());
   EXPECT_FALSE(doc.HasValidRoot());
+}
+
+// End tags that match no open element, each at the full depth: every one is reported and skipped,
+// and the end tag that does match closes everything inside it. (Its cost is the benchmark's.)
+TEST(XmlSize, UnmatchedEndTagsAtDepth) {
+  constexpr std::size_t kDepth = 50000;
+  WString text(u"<r>");
+  for (std::size_t i = 0; i < kDepth; ++i) text.append(u"<e>");
+  for (std::size_t i = 0; i < kDepth; ++i) text.append(u"</x>");
+  text.append(u"</r>");
+  XmlDocument doc;
+  EXPECT_FALSE(doc.ParseText(View(text)));
+  const WString& report = doc.GetReport();
+  const std::string innermost = "start tag 'e' at offset " + std::to_string(3 * kDepth);
+  EXPECT_EQ(U8(report.substr(0, report.find(u','))),
+            "End tag 'x' at offset " + std::to_string(3 + 3 * kDepth) + " does not match " + innermost);
+  EXPECT_EQ(U8(report.substr(report.rfind(u',') + 2)),
+            "End tag 'r' at offset " + std::to_string(3 + 7 * kDepth) + " does not match " + innermost);
+  EXPECT_EQ(std::count(report.begin(), report.end(), u','), static_cast<long>(kDepth));
+  EXPECT_TRUE(doc.HasValidRoot());
+  ASSERT_TRUE(doc.FindSibling(u"r") && doc.Descend());
+  std::size_t depth = 0;
+  while (doc.FindSibling(u"e") && doc.Descend()) ++depth;
+  EXPECT_EQ(depth, kDepth);
 }
 
 TEST(XmlSize, MoreElementsThanOneSegment) {

@@ -2,8 +2,12 @@
 // that fills the element index. No per-node strings are built: names are compared in place and
 // only the findings are formatted. Nothing here recurses, so nesting depth is bounded by memory
 // only.
+#include <chrono>
 #include <cstring>
+#include <functional>
+#include <unordered_map>
 
+#include "common/heap.h"
 #include "common/log_format.h"
 #include "settings/xml_document.h"
 #include "settings/xml_index.h"
@@ -111,6 +115,74 @@ void AppendReportPhrase(WString* report, WStringView phrase) {
 
 namespace {
 
+uint64_t NameHashSeed() {
+  static const char anchor = 0;
+  const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+  return static_cast<uint64_t>(now) ^
+         (static_cast<uint64_t>(reinterpret_cast<uintptr_t>(&anchor)) * 0x9E3779B97F4A7C15ull);
+}
+
+// Where the open elements of each name stand on the stack of open elements, so that an end tag
+// that does not close the innermost element finds the nearest enclosing one of its name without
+// walking the stack (thousands of stray end tags at depth would cost the square of the text's
+// length). A well-formed text never needs it, so it is filled lazily: it covers a bottom part of
+// the stack, brought up to date only when a mismatched end tag asks. Every stack entry goes in and
+// out at most once, which keeps the parse linear in the text.
+class OpenNameIndex {
+ public:
+  static constexpr uint32_t kNone = 0xFFFFFFFFu;
+
+  // Covers the bottom `depth` entries of the stack whose names are `names`.
+  void Cover(std::size_t depth, const HeapVector<WStringView>& names) {
+    while (below_.size() < depth) {
+      const uint32_t entry = static_cast<uint32_t>(below_.size());
+      auto found = top_.find(names[entry]);
+      if (found == top_.end()) {
+        below_.push_back(kNone);
+        top_.emplace(names[entry], entry);
+      } else {
+        below_.push_back(found->second);
+        found->second = entry;
+      }
+    }
+  }
+  // The covered stack entry nearest the top that is named `name`, or kNone.
+  uint32_t Nearest(WStringView name) const {
+    auto found = top_.find(name);
+    return found == top_.end() ? kNone : found->second;
+  }
+  // The top entry of the stack, `entry`, named `name`, is popped.
+  void Pop(std::size_t entry, WStringView name) {
+    if (entry >= below_.size()) return;  // not covered
+    const uint32_t next = below_.back();
+    below_.pop_back();
+    if (next == kNone) {
+      top_.erase(name);
+    } else {
+      top_.find(name)->second = next;
+    }
+  }
+
+ private:
+  // Hashed with a seed of this process, so that no text can be written to make its names collide
+  // and turn the look-ups back into walks.
+  struct SeededHash {
+    std::size_t operator()(WStringView name) const {
+      static const uint64_t seed = NameHashSeed();
+      uint64_t h = seed;
+      for (WChar c : name) h = (h ^ c) * 0x100000001B3ull;
+      h ^= h >> 29;
+      h *= 0xBF58476D1CE4E5B9ull;
+      return static_cast<std::size_t>(h ^ (h >> 32));
+    }
+  };
+  // Name -> its covered entry nearest the top.
+  std::unordered_map<WStringView, uint32_t, SeededHash, std::equal_to<WStringView>,
+                     HeapAllocator<std::pair<const WStringView, uint32_t>>>
+      top_;
+  HeapVector<uint32_t> below_;  // per covered entry: the next lower entry of the same name
+};
+
 class Parser {
  public:
   Parser(WStringView text, XmlElementIndex* index, WString* report)
@@ -155,7 +227,9 @@ class Parser {
   const WChar* Bang(const WChar* lt);
   void Close(uint32_t id, uint32_t end_offset) {
     index_[id].total_length = end_offset - index_[id].offset;
+    by_name_.Pop(open_.size() - 1, open_names_.back());
     open_.pop_back();
+    open_names_.pop_back();
     last_child_.pop_back();
   }
 
@@ -165,6 +239,8 @@ class Parser {
   WString* report_;
   std::size_t findings_ = 0;
   HeapVector<uint32_t> open_;        // open elements, innermost last
+  HeapVector<WStringView> open_names_;  // their names, in step with open_
+  OpenNameIndex by_name_;
   HeapVector<uint32_t> last_child_;  // last child so far of the document and of each open element
 };
 
@@ -249,6 +325,7 @@ const WChar* Parser::StartTag(const WChar* lt) {
   last_child_.back() = id;
   if (!empty) {
     open_.push_back(id);
+    open_names_.push_back(WStringView(lt + 1, name_length));
     last_child_.push_back(0);
   }
   return q + 1;
@@ -280,11 +357,11 @@ const WChar* Parser::EndTag(const WChar* lt) {
   // Recovery: when an enclosing element has this name, the elements inside it were left open by
   // mistake; they end where this end tag begins and the named one closes normally. Otherwise the
   // end tag is a stray and is skipped.
-  std::size_t match = open_.size() - 1;
-  while (match > 0 && NameOf(open_[match - 1]) != end_name) --match;
   index_[innermost].flags |= kXmlElementIllFormed;
-  if (match == 0) return q + 1;
-  while (open_.size() > match) {
+  by_name_.Cover(open_.size() - 1, open_names_);
+  const uint32_t nearest = by_name_.Nearest(end_name);
+  if (nearest == OpenNameIndex::kNone) return q + 1;
+  while (open_.size() > nearest + 1) {
     index_[open_.back()].flags |= kXmlElementIllFormed | kXmlElementNoEndTag;
     Close(open_.back(), at);
   }
