@@ -142,6 +142,10 @@ TEST_F(PropertyStoreTest, ExportReplaceAndImportGroups) {
   uint32_t number = 0;
   ASSERT_TRUE(store.GetNumber(u"Q/R/b", &number));
   EXPECT_EQ(number, 2u);
+  // The content is what the parse took for it, whatever the root's name holds.
+  ASSERT_TRUE(store.ReplaceGroup(u"S", u"<r\"><property id=\"z\" type=\"number\" value=\"7\"/></r\">"));
+  ASSERT_TRUE(store.GetNumber(u"S/z", &number));
+  EXPECT_EQ(number, 7u);
 
   ASSERT_TRUE(store.ImportProperties(
       u"<xmlroot><property id=\"ConfigurationPath\" type=\"string\" value=\"/P/\"/>"

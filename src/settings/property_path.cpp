@@ -60,28 +60,8 @@ bool FindElementWith(XmlDocument* document, WStringView element, WStringView att
 }
 
 WStringView RootContent(const XmlDocument& document) {
-  const WString& text = document.GetText();
-  const XmlRange element = document.ElementRange(document.main_position());
-  const std::size_t end_of_element = element.offset + element.length;
-  // The start tag ends at the first ">" outside a quoted attribute value.
-  std::size_t i = element.offset + 1;
-  char16_t quote = 0;
-  for (; i < end_of_element; ++i) {
-    const char16_t c = text[i];
-    if (quote != 0) {
-      if (c == quote) quote = 0;
-    } else if (c == u'"' || c == u'\'') {
-      quote = c;
-    } else if (c == u'>') {
-      break;
-    }
-  }
-  if (i >= end_of_element || text[i - 1] == u'/') return WStringView();
-  const std::size_t content_start = i + 1;
-  // The end tag is the last "<" of the element.
-  const std::size_t end_tag = WStringView(text).substr(0, end_of_element).rfind(u'<');
-  if (end_tag == WStringView::npos || end_tag < content_start) return WStringView();
-  return WStringView(text).substr(content_start, end_tag - content_start);
+  const XmlRange content = document.ContentRange(document.main_position());
+  return WStringView(document.GetText()).substr(content.offset, content.length);
 }
 
 }  // namespace orlenda

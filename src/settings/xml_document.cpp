@@ -8,6 +8,7 @@
 #include "settings/xml_escape.h"
 #include "settings/xml_file.h"
 #include "settings/xml_index.h"
+#include "settings/xml_scan.h"
 
 namespace orlenda {
 
@@ -229,50 +230,58 @@ WString XmlDocument::ElementPath(ElementId element) const {
 
 // --- Attributes ---
 
+// The tag grammar of xml_scan.h: every quote met outside a name or value opens a stretch that is
+// stepped over whole, as the parse stepped over it, so that no edit can split a stretch the parse
+// paired.
 bool NextXmlAttribute(const WString& text, const XmlElementRecord& element, uint32_t* pos,
                       XmlAttributeSpan* out) {
-  const uint32_t tag_end = element.offset + element.tag_length - 1;  // the ">"
-  uint32_t p = *pos == 0 ? element.offset + 1 + element.name_length : *pos;
+  const WChar* const base = text.data();
+  const WChar* const tag_end = base + element.offset + element.tag_length - 1;  // the ">"
+  auto offset = [base](const WChar* p) { return static_cast<uint32_t>(p - base); };
+  // Behind the stretch that the quote at `p` opens.
+  auto behind_quoted = [tag_end](const WChar* p) {
+    const WChar* close = FindXmlQuoteClose(p, tag_end);
+    return close < tag_end ? close + 1 : tag_end;
+  };
+  const WChar* p = base + (*pos == 0 ? element.offset + 1 + element.name_length : *pos);
   while (p < tag_end) {
-    const WChar c = text[p];
-    if (IsXmlSpace(c) || EndsXmlAttributeName(c)) {  // separators, a stray "=", "/" or "?"
+    if (IsXmlQuote(*p)) {  // a quoted stretch that is no attribute's value
+      p = behind_quoted(p);
+      continue;
+    }
+    if (EndsXmlAttributeName(*p)) {  // separators, a stray "=", "/" or "?"
       ++p;
       continue;
     }
     XmlAttributeSpan span;
-    span.name_offset = p;
-    while (p < tag_end && !EndsXmlAttributeName(text[p])) ++p;
-    span.name_length = p - span.name_offset;
-    span.end = p;
-    uint32_t q = p;
-    while (q < tag_end && IsXmlSpace(text[q])) ++q;
-    if (q < tag_end && text[q] == u'=') {
+    span.name_offset = offset(p);
+    while (p < tag_end && !EndsXmlAttributeName(*p) && !IsXmlQuote(*p)) ++p;
+    span.name_length = offset(p) - span.name_offset;
+    span.value_offset = span.end = offset(p);
+    const WChar* q = p;
+    while (q < tag_end && IsXmlSpace(*q)) ++q;
+    if (q < tag_end && *q == u'=') {
       ++q;
-      while (q < tag_end && IsXmlSpace(text[q])) ++q;
-      if (q < tag_end && (text[q] == u'"' || text[q] == u'\'')) {
-        const WChar quote = text[q];
-        uint32_t close = q + 1;
-        while (close < tag_end && text[close] != quote) ++close;
-        span.value_offset = q + 1;
-        span.value_length = close - q - 1;
-        span.end = close < tag_end ? close + 1 : close;
+      while (q < tag_end && IsXmlSpace(*q)) ++q;
+      const WChar* stop = q;
+      if (q < tag_end && IsXmlQuote(*q)) {
+        const WChar* close = FindXmlQuoteClose(q, tag_end);
+        span.value_offset = offset(q + 1);
+        span.value_length = offset(close) - span.value_offset;
+        stop = close < tag_end ? close + 1 : tag_end;
       } else {
-        // An unquoted value is read up to the next white space, leniently.
-        uint32_t stop = q;
-        while (stop < tag_end && !IsXmlSpace(text[stop]) && text[stop] != u'/') ++stop;
-        span.value_offset = q;
-        span.value_length = stop - q;
-        span.end = stop;
+        // An unquoted value is read up to the next white space, "/" or quote, leniently.
+        while (stop < tag_end && !IsXmlSpace(*stop) && *stop != u'/' && !IsXmlQuote(*stop)) ++stop;
+        span.value_offset = offset(q);
+        span.value_length = offset(stop) - span.value_offset;
       }
-    } else {
-      span.value_offset = span.end;
-      span.value_length = 0;
+      span.end = offset(stop);
     }
     *pos = span.end;
     *out = span;
     return true;
   }
-  *pos = tag_end;
+  *pos = offset(tag_end);
   return false;
 }
 

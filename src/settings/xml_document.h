@@ -86,6 +86,9 @@ class XmlDocument {
   bool IsIllFormed(ElementId element) const;
   // The start tag (or empty-element tag) of an element, "<" to ">".
   XmlRange StartTagRange(ElementId element) const;
+  // What lies between the start tag and the end tag of an element (up to its end when a parse error
+  // left it without one); empty for an empty-element tag.
+  XmlRange ContentRange(ElementId element) const;
 
   // The tree links of an element (0 where there is none); all zero for an unknown number. Lets a
   // caller walk the elements without moving the cursor. Links(0).first_child is the first element

@@ -276,6 +276,30 @@ TEST(XmlAttributes, SetReplacesOrAppends) {
   ExpectSameAsReparse(doc, "set on b");
 }
 
+// A quote opens a quoted stretch wherever it stands in a tag, as the parse reads it; reading and
+// setting attributes must pair quotes the same way, or an edit lands inside a stretch and breaks
+// the tag.
+TEST(XmlAttributes, QuotesPairAsTheParseReadsThem) {
+  const struct {
+    const char16_t* text;
+    const char16_t* name;
+    const char16_t* edited;
+  } cases[] = {
+      {u"<r a.\"/ v=\"x/>", u"n", u"<r a.\"/ v=\"x n=\"1\"/>"},
+      {u"<r x\"k='1'\"/>", u"k", u"<r x k=\"1\"\"k='1'\"/>"},
+      {u"<r a=b\"c d\"></r>", u"a", u"<r a=\"1\"\"c d\"></r>"},
+  };
+  for (const auto& c : cases) {
+    XmlDocument doc;
+    ASSERT_TRUE(doc.ParseText(c.text)) << U8(W(c.text));
+    ASSERT_TRUE(doc.FindSibling(u"r") && doc.SetAttribute(c.name, u"1"));
+    EXPECT_EQ(U8(doc.GetText()), U8(W(c.edited)));
+    EXPECT_EQ(doc.GetAttribute(c.name), W(u"1"));
+    ExpectSameAsReparse(doc, U8(W(c.text)));
+    EXPECT_TRUE(XmlDocument().ParseText(View(doc.GetText()))) << U8(doc.GetText());
+  }
+}
+
 // ---- edits ------------------------------------------------------------------------------------
 
 TEST(XmlEdit, AppendElementLayout) {

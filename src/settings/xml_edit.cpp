@@ -146,6 +146,13 @@ bool IsWritableAttributeName(WStringView name) {
 
 }  // namespace
 
+XmlRange XmlDocument::ContentRange(ElementId element) const {
+  if (!impl_->index.IsElement(element)) return XmlRange();
+  const XmlElementRecord& r = impl_->index[element];
+  const uint32_t start = r.offset + r.tag_length;
+  return XmlRange{start, EndTagStart(text_, r) - start};
+}
+
 // Whatever follows an element without an end tag, up to where that element ends, is its content
 // to a re-parse; so nothing can be placed behind it at its own level.
 bool XmlDocument::CanPlaceAtCursor() const {

@@ -11,77 +11,9 @@
 #include "common/log_format.h"
 #include "settings/xml_document.h"
 #include "settings/xml_index.h"
-
-#if defined(__SSE2__) || defined(_M_X64) || defined(_M_AMD64)
-#include <emmintrin.h>
-#define ORLENDA_SSE2 1
-#if defined(_MSC_VER)
-#include <intrin.h>
-#endif
-#else
-#define ORLENDA_SSE2 0
-#endif
+#include "settings/xml_scan.h"
 
 namespace orlenda {
-namespace {
-
-// Most of the text is looked at only to find the next character of a few: "<" between tags, ">"
-// or a quote in a start tag, the closing quote of a value. Eight characters are compared at once.
-#if ORLENDA_SSE2
-inline unsigned LowestBit(unsigned mask) {
-#if defined(_MSC_VER)
-  unsigned long index;
-  _BitScanForward(&index, mask);
-  return static_cast<unsigned>(index);
-#else
-  return static_cast<unsigned>(__builtin_ctz(mask));
-#endif
-}
-
-inline __m128i Load8(const WChar* p) {
-  return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-}
-
-// The first `a` at or after `p`, or `end`.
-inline const WChar* FindChar(const WChar* p, const WChar* end, WChar a) {
-  const __m128i va = _mm_set1_epi16(static_cast<short>(a));
-  for (; end - p >= 8; p += 8) {
-    const unsigned mask =
-        static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi16(Load8(p), va)));
-    if (mask != 0) return p + LowestBit(mask) / 2;
-  }
-  while (p < end && *p != a) ++p;
-  return p;
-}
-
-// The first of `a`, `b` or `c` at or after `p`, or `end`.
-inline const WChar* FindChar(const WChar* p, const WChar* end, WChar a, WChar b, WChar c) {
-  const __m128i va = _mm_set1_epi16(static_cast<short>(a));
-  const __m128i vb = _mm_set1_epi16(static_cast<short>(b));
-  const __m128i vc = _mm_set1_epi16(static_cast<short>(c));
-  for (; end - p >= 8; p += 8) {
-    const __m128i v = Load8(p);
-    const __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi16(v, va), _mm_cmpeq_epi16(v, vb)),
-                                     _mm_cmpeq_epi16(v, vc));
-    const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
-    if (mask != 0) return p + LowestBit(mask) / 2;
-  }
-  while (p < end && *p != a && *p != b && *p != c) ++p;
-  return p;
-}
-#else
-inline const WChar* FindChar(const WChar* p, const WChar* end, WChar a) {
-  while (p < end && *p != a) ++p;
-  return p;
-}
-
-inline const WChar* FindChar(const WChar* p, const WChar* end, WChar a, WChar b, WChar c) {
-  while (p < end && *p != a && *p != b && *p != c) ++p;
-  return p;
-}
-#endif
-
-}  // namespace
 
 void XmlElementIndex::Reset(std::size_t text_length) {
   segments_.clear();
@@ -295,13 +227,7 @@ const WChar* Parser::StartTag(const WChar* lt) {
   while (q < end_ && !EndsXmlName(*q)) ++q;
   const uint32_t name_length = static_cast<uint32_t>(q - lt - 1);
   // Attributes are not looked at here, only stepped over: quoted values may hold ">".
-  for (;;) {
-    q = FindChar(q, end_, u'>', u'"', u'\'');
-    if (q == end_ || *q == u'>') break;
-    q = FindChar(q + 1, end_, *q);  // the closing quote
-    if (q == end_) break;
-    ++q;
-  }
+  q = FindXmlTagEnd(q, end_);
   if (q == end_) {
     Unterminated(u"Element tag", lt);
     return nullptr;
