@@ -78,6 +78,17 @@ bool CPropertyHandler::Save() {
   return true;
 }
 
+template <class Edit>
+bool CPropertyHandler::Change(Edit edit) {
+  XmlDocument before;
+  before.CopyFrom(document_);
+  if (!edit()) {
+    document_.CopyFrom(before);
+    return false;
+  }
+  return Save();
+}
+
 bool CPropertyHandler::EnterRoot() {
   document_.ResetAll();
   return document_.FindSibling(u"") && document_.Descend();
@@ -109,19 +120,17 @@ bool CPropertyHandler::GetTyped(WStringView path, WStringView type, WString* val
 
 bool CPropertyHandler::SetTyped(WStringView path, WStringView type, WStringView value) {
   const HeapVector<WString> components = SplitPropertyPath(path);
-  if (components.empty() || !WalkGroups(components, components.size() - 1, true)) return false;
-  if (FindElementWith(&document_, u"property", u"id", View(components.back()))) {
-    if (document_.GetAttribute(u"type") != type) return false;
-    if (!document_.SetAttribute(u"value", value)) return false;
-    return Save();
-  }
-  // The search stopped on the level's last property, if any: the new one goes after it.
-  if (!document_.AppendElement(u"property", u"", 0) ||
-      !document_.SetAttribute(u"id", View(components.back())) || !document_.SetAttribute(u"type", type) ||
-      !document_.SetAttribute(u"value", value)) {
-    return false;
-  }
-  return Save();
+  if (components.empty()) return false;
+  return Change([&] {
+    if (!WalkGroups(components, components.size() - 1, true)) return false;
+    if (FindElementWith(&document_, u"property", u"id", View(components.back()))) {
+      return document_.GetAttribute(u"type") == type && document_.SetAttribute(u"value", value);
+    }
+    // The search stopped on the level's last property, if any: the new one goes after it.
+    return document_.AppendElement(u"property", u"", 0) &&
+           document_.SetAttribute(u"id", View(components.back())) &&
+           document_.SetAttribute(u"type", type) && document_.SetAttribute(u"value", value);
+  });
 }
 
 bool CPropertyHandler::GetString(WStringView path, WString* text) { return GetTyped(path, kString, text); }
@@ -164,13 +173,12 @@ bool CPropertyHandler::Delete(WStringView path) {
   const HeapVector<WString> components = SplitPropertyPath(path);
   if (components.empty() || !WalkGroups(components, components.size() - 1, false)) return false;
   const WStringView name = View(components.back());
-  // A name that is both a property and a group names the property.
-  if (!FindElementWith(&document_, u"property", u"id", name) &&
-      !FindElementWith(&document_, u"type", u"value", name)) {
-    return false;
-  }
-  if (!document_.RemoveElement()) return false;
-  return Save();
+  return Change([&] {
+    // A name that is both a property and a group names the property.
+    return (FindElementWith(&document_, u"property", u"id", name) ||
+            FindElementWith(&document_, u"type", u"value", name)) &&
+           document_.RemoveElement();
+  });
 }
 
 bool CPropertyHandler::ExportGroup(WStringView path, WString* xml) {
@@ -187,9 +195,11 @@ bool CPropertyHandler::ExportGroup(WStringView path, WString* xml) {
 bool CPropertyHandler::ReplaceGroup(WStringView path, WStringView xml) {
   const HeapVector<WString> components = SplitPropertyPath(path);
   if (components.empty()) {
-    document_.ParseText(xml);
-    EnterRoot();
-    return Save();
+    return Change([&] {
+      document_.ParseText(xml);
+      EnterRoot();
+      return true;
+    });
   }
   XmlDocument source;
   source.ParseText(xml);
@@ -197,9 +207,10 @@ bool CPropertyHandler::ReplaceGroup(WStringView path, WStringView xml) {
   // Without a root element there is no content to take; the group is left as it is.
   if (!source.FindSibling(u"")) return false;
   const WString content(RootContent(source));
-  if (!WalkGroups(components, components.size(), true) || !document_.Ascend()) return false;
-  if (!document_.SetContent(View(content))) return false;
-  return Save();
+  return Change([&] {
+    return WalkGroups(components, components.size(), true) && document_.Ascend() &&
+           document_.SetContent(View(content));
+  });
 }
 
 bool CPropertyHandler::ImportProperties(WStringView xml) {
@@ -214,29 +225,30 @@ bool CPropertyHandler::ImportProperties(WStringView xml) {
     source.RemoveElement();
   }
   const HeapVector<WString> components = SplitPropertyPath(View(target));
-  if (!WalkGroups(components, components.size(), true)) return false;
-
-  source.ResetMain();
-  while (source.FindSibling(u"property")) {
-    const WString id = source.GetAttribute(u"id");
-    const WString type = source.GetAttribute(u"type");
-    // Every property of the group with the same id and type gives way to the imported one.
-    for (bool removed = true; removed;) {
-      removed = false;
-      document_.ResetMain();
-      while (document_.FindSibling(u"property")) {
-        if (document_.GetAttribute(u"id") == id && document_.GetAttribute(u"type") == type) {
-          removed = document_.RemoveElement();
-          break;
+  return Change([&] {
+    if (!WalkGroups(components, components.size(), true)) return false;
+    source.ResetMain();
+    while (source.FindSibling(u"property")) {
+      const WString id = source.GetAttribute(u"id");
+      const WString type = source.GetAttribute(u"type");
+      // Every property of the group with the same id and type gives way to the imported one.
+      for (bool removed = true; removed;) {
+        removed = false;
+        document_.ResetMain();
+        while (document_.FindSibling(u"property")) {
+          if (document_.GetAttribute(u"id") == id && document_.GetAttribute(u"type") == type) {
+            removed = document_.RemoveElement();
+            break;
+          }
         }
       }
+      document_.ResetMain();
+      while (document_.FindSibling(u"property")) {
+      }
+      if (!document_.InsertSubtree(View(source.ExtractSubtree()))) return false;
     }
-    document_.ResetMain();
-    while (document_.FindSibling(u"property")) {
-    }
-    if (!document_.InsertSubtree(View(source.ExtractSubtree()))) return false;
-  }
-  return Save();
+    return true;
+  });
 }
 
 bool CPropertyHandler::FindPropertyInText(WStringView xml, WStringView id, WString* value) {

@@ -11,6 +11,9 @@
 // new one as "<name>.bad" when the first change is saved, so a hand-edited file that broke is never
 // silently thrown away.
 //
+// A change is all or nothing: one that is refused part-way leaves the document, and so the file,
+// exactly as it was; one that succeeds is written at once.
+//
 // The store takes no lock; its owners serialise every call, the save included. Failures go to the
 // trace log at level 0.
 #pragma once
@@ -94,6 +97,11 @@ class CPropertyHandler {
   void Locate(const WString& file_name);
   void Load();
   void StartEmpty();
+  // Runs `edit` on the document and saves. When the edit fails, the document is put back exactly
+  // as it was, so a refused request leaves nothing behind for a later save to write out. (A failed
+  // save keeps the change in memory.)
+  template <class Edit>
+  bool Change(Edit edit);
   bool GetTyped(WStringView path, WStringView type, WString* value);
   bool SetTyped(WStringView path, WStringView type, WStringView value);
   // Moves the cursor to the level inside the root element.

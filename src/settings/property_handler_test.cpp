@@ -15,6 +15,8 @@
 namespace orlenda {
 namespace {
 
+std::string U8(const WString& s) { return std::string(WideToUtf8(View(s)).c_str()); }
+
 std::filesystem::path FsPath(const WString& path) { return std::filesystem::path(std::u16string(path)); }
 
 std::string ReadBytes(const WString& path) {
@@ -161,6 +163,45 @@ TEST_F(PropertyStoreTest, ExportReplaceAndImportGroups) {
   EXPECT_NE(xml.find(u"extra=\"kept\""), WString::npos);
   EXPECT_EQ(xml.find(u"value=\"1\""), WString::npos);  // the old "a" gave way
   EXPECT_FALSE(store.ImportProperties(u"<a/><b/>"));
+}
+
+// A request the store refuses changes nothing, in memory or on disk, however far it got before it
+// found the problem: a later unrelated save must not write half of it out.
+TEST_F(PropertyStoreTest, RefusedChangesLeaveNoTrace) {
+  const struct {
+    const char* what;
+    bool (*change)(CPropertyHandler*);
+  } cases[] = {
+      {"import of a property that cannot be inserted, after a same-named one would give way",
+       [](CPropertyHandler* s) {
+         return s->ImportProperties(
+             u"<xmlroot><property id=\"a\" type=\"string\" value=\"new\"><x></property></xmlroot>");
+       }},
+      {"second of two imported properties refused",
+       [](CPropertyHandler* s) {
+         return s->ImportProperties(
+             u"<xmlroot><property id=\"ConfigurationPath\" type=\"string\" value=\"g/h\"/>"
+             u"<property id=\"b\" type=\"string\" value=\"2\"/>"
+             u"<property id=\"a\" type=\"string\" value=\"new\"><x></property></xmlroot>");
+       }},
+      {"replace by unusable content in groups that do not exist yet",
+       [](CPropertyHandler* s) { return s->ReplaceGroup(u"new/group", u"<r><a></r>"); }},
+  };
+  auto fill = [](CPropertyHandler* s) { return s->SetString(u"a", u"old") && s->SetNumber(u"g/n", 1); };
+  for (const auto& c : cases) {
+    CPropertyHandler store(FreshName());
+    ASSERT_TRUE(fill(&store));
+    const WString text = store.document().GetText();
+    const std::string file = ReadBytes(store.file_path());
+    EXPECT_FALSE(c.change(&store)) << c.what;
+    EXPECT_EQ(U8(store.document().GetText()), U8(text)) << c.what;
+    EXPECT_EQ(ReadBytes(store.file_path()), file) << c.what;
+    // The next save writes no leftover: the store is what one that never saw the request holds.
+    CPropertyHandler untouched;
+    ASSERT_TRUE(fill(&untouched));
+    for (CPropertyHandler* s : {&store, &untouched}) ASSERT_TRUE(s->SetString(u"other", u"x"));
+    EXPECT_EQ(U8(store.document().GetText()), U8(untouched.document().GetText())) << c.what;
+  }
 }
 
 TEST_F(PropertyStoreTest, PropertiesInRequestTexts) {

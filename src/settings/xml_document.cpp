@@ -58,6 +58,17 @@ bool XmlDocument::SaveFile(const WString& path) {
   return saved;
 }
 
+void XmlDocument::CopyFrom(const XmlDocument& other) {
+  if (this == &other) return;
+  text_ = other.text_;
+  report_ = other.report_;
+  flags_ = other.flags_;
+  parent_ = other.parent_;
+  main_ = other.main_;
+  child_ = other.child_;
+  impl_->index = other.impl_->index;
+}
+
 bool XmlDocument::HasValidRoot() const {
   const XmlElementIndex& index = impl_->index;
   const uint32_t root = index[0].first_child;

@@ -60,6 +60,10 @@ class XmlDocument {
   // reader ever sees a half-written file.
   bool SaveFile(const WString& path);
 
+  // Takes a copy of `other`'s whole state: text, index, cursor, flags and report. Lets an owner keep
+  // the document as it was before a change and put it back when the change fails part-way.
+  void CopyFrom(const XmlDocument& other);
+
   bool HasValidRoot() const;
   const WString& GetReport() const { return report_; }
   uint32_t flags() const { return flags_; }
