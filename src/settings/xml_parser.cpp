@@ -64,14 +64,16 @@ class OpenNameIndex {
  public:
   static constexpr uint32_t kNone = 0xFFFFFFFFu;
 
-  // Covers the bottom `depth` entries of the stack whose names are `names`.
-  void Cover(std::size_t depth, const HeapVector<WStringView>& names) {
+  // Covers the bottom `depth` entries of the stack; `name_of(entry)` names the element there.
+  template <class NameOf>
+  void Cover(std::size_t depth, const NameOf& name_of) {
     while (below_.size() < depth) {
       const uint32_t entry = static_cast<uint32_t>(below_.size());
-      auto found = top_.find(names[entry]);
+      const WStringView name = name_of(entry);
+      auto found = top_.find(name);
       if (found == top_.end()) {
         below_.push_back(kNone);
-        top_.emplace(names[entry], entry);
+        top_.emplace(name, entry);
       } else {
         below_.push_back(found->second);
         found->second = entry;
@@ -159,9 +161,8 @@ class Parser {
   const WChar* Bang(const WChar* lt);
   void Close(uint32_t id, uint32_t end_offset) {
     index_[id].total_length = end_offset - index_[id].offset;
-    by_name_.Pop(open_.size() - 1, open_names_.back());
+    by_name_.Pop(open_.size() - 1, NameOf(id));
     open_.pop_back();
-    open_names_.pop_back();
     last_child_.pop_back();
   }
 
@@ -171,7 +172,6 @@ class Parser {
   WString* report_;
   std::size_t findings_ = 0;
   HeapVector<uint32_t> open_;        // open elements, innermost last
-  HeapVector<WStringView> open_names_;  // their names, in step with open_
   OpenNameIndex by_name_;
   HeapVector<uint32_t> last_child_;  // last child so far of the document and of each open element
 };
@@ -251,7 +251,6 @@ const WChar* Parser::StartTag(const WChar* lt) {
   last_child_.back() = id;
   if (!empty) {
     open_.push_back(id);
-    open_names_.push_back(WStringView(lt + 1, name_length));
     last_child_.push_back(0);
   }
   return q + 1;
@@ -284,7 +283,7 @@ const WChar* Parser::EndTag(const WChar* lt) {
   // mistake; they end where this end tag begins and the named one closes normally. Otherwise the
   // end tag is a stray and is skipped.
   index_[innermost].flags |= kXmlElementIllFormed;
-  by_name_.Cover(open_.size() - 1, open_names_);
+  by_name_.Cover(open_.size() - 1, [this](uint32_t entry) { return NameOf(open_[entry]); });
   const uint32_t nearest = by_name_.Nearest(end_name);
   if (nearest == OpenNameIndex::kNone) return q + 1;
   while (open_.size() > nearest + 1) {
