@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds the fuzz targets (preset "fuzz": clang with libFuzzer, AddressSanitizer and
-# UndefinedBehaviorSanitizer) and runs each for a bounded time on a scratch copy of the seed corpus
-# (fuzz/corpus plus the settings schema). Fails when a target finds a crash, a leak, undefined
-# behaviour or a time-out; the input that caused it is kept under build/fuzz/findings/.
+# UndefinedBehaviorSanitizer), replays every committed input whole, then runs each target for a
+# bounded time on a scratch copy of the seed corpus (fuzz/corpus plus the settings schema). Fails
+# when a target finds a crash, a leak, undefined behaviour or a time-out; the input that caused it
+# is kept under build/fuzz/findings/.
 #   fuzz.sh            30 seconds per target
 #   fuzz.sh SECONDS    any other bound
 set -uo pipefail
@@ -28,6 +29,17 @@ for target in "${targets[@]}"; do
   mkdir -p "$corpus" "$findings/$target"
   cp fuzz/corpus/* src/settings/settings-schema.xml "$corpus/"
   log=$scratch/$target.log
+  # Every committed input first, each whole (the timed run below cuts inputs at -max_len), so that
+  # a finding kept in the corpus can never come back unseen.
+  if ! TMPDIR=$scratch "build/fuzz/fuzz/$target" -timeout=10 -rss_limit_mb=2048 \
+       -artifact_prefix="$findings/$target/" fuzz/corpus/* src/settings/settings-schema.xml \
+       >"$log" 2>&1; then
+    tail -n 60 "$log"
+    echo "fuzz: $target FAILED on a committed input; see $findings/$target/"
+    failed+=("$target")
+    continue
+  fi
+  echo "replayed $(ls fuzz/corpus | wc -l) committed inputs and the settings schema"
   # The fuzzer's own scratch files go to the scratch folder too.
   if TMPDIR=$scratch "build/fuzz/fuzz/$target" -max_total_time="$seconds" -max_len=4096 \
        -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
