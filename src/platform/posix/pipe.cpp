@@ -19,6 +19,7 @@
 #include "platform/heap.h"
 #include "platform/posix/errno_map.h"
 #include "platform/posix/run_dir.h"
+#include "platform/posix/unix_listen_socket.h"
 #include "platform/sync.h"
 #include "platform/thread.h"
 
@@ -26,23 +27,6 @@ namespace orlenda::platform {
 namespace {
 
 constexpr uint32_t kExistencePollMs = 10;
-
-// The socket address of the pipe `name`; kErrorInvalidParameter when its path is too long.
-uint32_t PipeAddress(const char16_t* name, sockaddr_un* address) {
-  char path[kRunPathBytes];
-  uint32_t error = RunDirPath(name, path, sizeof(path));
-  if (error != kErrorSuccess) return error;
-  std::size_t length = std::strlen(path);
-  if (length >= sizeof(address->sun_path)) return kErrorInvalidParameter;
-  std::memset(address, 0, sizeof(*address));
-  address->sun_family = AF_UNIX;
-  std::memcpy(address->sun_path, path, length + 1);
-  return kErrorSuccess;
-}
-
-void CloseFd(int fd) {
-  if (fd >= 0) close(fd);
-}
 
 }  // namespace
 
@@ -124,27 +108,12 @@ uint32_t WaitForPipe(const char16_t* name, uint32_t timeout_ms) {
 }
 
 struct PipeListener::Impl {
-  int listen_fd = -1;
+  UnixListenSocket socket;
   int wake_fd = -1;
   std::atomic<bool> shut_down{false};
-  sockaddr_un address{};
-  // The socket file as this listener created it: the destructor removes only that file, not one a
-  // newer listener of the same name has put in its place.
-  dev_t device = 0;
-  ino_t inode = 0;
-
-  void RemoveSocketFile() {
-    if (listen_fd < 0) return;
-    struct stat info;
-    if (stat(address.sun_path, &info) == 0 && info.st_dev == device && info.st_ino == inode) {
-      unlink(address.sun_path);
-    }
-  }
 
   ~Impl() {
-    RemoveSocketFile();
-    CloseFd(listen_fd);
-    CloseFd(wake_fd);
+    if (wake_fd >= 0) close(wake_fd);
   }
 };
 
@@ -157,48 +126,16 @@ PipeListener::~PipeListener() {
 
 uint32_t PipeListener::Listen(const char16_t* name, PipeMode /*mode*/) {
   if (impl_ != nullptr) return kErrorInvalidParameter;  // one pipe per listener
-  sockaddr_un address;
-  uint32_t error = PipeAddress(name, &address);
-  if (error != kErrorSuccess) return error;
-  error = CreateRunDirectory();
-  if (error != kErrorSuccess) return error;
-
   void* memory = HeapAllocZero(sizeof(Impl));
   if (memory == nullptr) return kErrorNotEnoughMemory;
   Impl* impl = new (memory) Impl();
-  impl->address = address;
-  auto fail = [impl](uint32_t code) {
-    int listen_fd = impl->listen_fd;
-    impl->listen_fd = -1;  // a bound socket's file is ours: remove it whatever its state
-    if (listen_fd >= 0) {
-      unlink(impl->address.sun_path);
-      close(listen_fd);
-    }
+  impl->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  uint32_t error = impl->wake_fd < 0 ? LastErrno() : impl->socket.Open(name);
+  if (error != kErrorSuccess) {
     impl->~Impl();
     HeapFreeBlock(impl);
-    return code;
-  };
-
-  impl->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (impl->wake_fd < 0) return fail(LastErrno());
-  // A file left behind by a listener that died would make bind fail; this name is ours to serve.
-  if (unlink(address.sun_path) != 0 && errno != ENOENT) return fail(LastErrno());
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (fd < 0) return fail(LastErrno());
-  if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-    error = LastErrno();
-    close(fd);
-    return fail(error);
+    return error;
   }
-  impl->listen_fd = fd;
-  // Every local user may connect, as any user may open the Windows pipe.
-  struct stat info;
-  if (chmod(address.sun_path, 0666) != 0 || stat(address.sun_path, &info) != 0 ||
-      listen(fd, SOMAXCONN) != 0) {
-    return fail(LastErrno());
-  }
-  impl->device = info.st_dev;
-  impl->inode = info.st_ino;
   impl_ = impl;
   return kErrorSuccess;
 }
@@ -209,21 +146,21 @@ uint32_t PipeListener::Accept(PipeStream* client) {
     if (impl_->shut_down.load(std::memory_order_acquire)) {
       // Clients that connected before the shutdown are still handed out, one per call, so that
       // what they sent is not lost; then the listener is done.
-      int fd = accept4(impl_->listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+      int fd = accept4(impl_->socket.fd(), nullptr, nullptr, SOCK_CLOEXEC);
       if (fd < 0) return kErrorOperationAborted;
       client->Close();
       client->handle_ = fd;
       client->server_side_ = true;
       return kErrorSuccess;
     }
-    pollfd fds[2] = {{impl_->listen_fd, POLLIN, 0}, {impl_->wake_fd, POLLIN, 0}};
+    pollfd fds[2] = {{impl_->socket.fd(), POLLIN, 0}, {impl_->wake_fd, POLLIN, 0}};
     int ready = poll(fds, 2, -1);
     if (ready < 0) {
       if (errno == EINTR) continue;
       return LastErrno();
     }
     if (fds[1].revents != 0) continue;  // Shutdown: the flag is already set
-    int fd = accept4(impl_->listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+    int fd = accept4(impl_->socket.fd(), nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) {
       // The listening socket is non-blocking: a client that gave up between poll and accept leaves
       // nothing to take, and the wait starts over.
@@ -242,7 +179,7 @@ uint32_t PipeListener::Accept(PipeStream* client) {
 void PipeListener::Shutdown() {
   if (impl_ == nullptr) return;
   // The name goes first, so that new clients find no pipe rather than a listener that is leaving.
-  impl_->RemoveSocketFile();
+  impl_->socket.RemoveFile();
   impl_->shut_down.store(true, std::memory_order_release);
   uint64_t one = 1;
   // Never read back: the eventfd stays readable, so every later poll returns at once too.

@@ -9,28 +9,14 @@
 #include "platform/errors.h"
 #include "platform/heap.h"
 #include "platform/sync.h"
+#include "platform/win32/pipe_name.h"
 #include "platform/win32/windows.h"
 
 namespace orlenda::platform {
 namespace {
 
-constexpr wchar_t kPipePrefix[] = L"\\\\.\\pipe\\";
-constexpr std::size_t kMaxPipeName = 256;  // the system's limit, prefix included
 constexpr DWORD kBufferBytes = 4096;
 constexpr DWORD kWaitPollMs = 10;
-
-// "\\.\pipe\<name>" into `out`; false when empty or too long.
-bool FullPipeName(const char16_t* name, wchar_t* out) {
-  if (name == nullptr || name[0] == 0) return false;
-  std::size_t used = 0;
-  for (const wchar_t* c = kPipePrefix; *c != 0; ++c) out[used++] = *c;
-  for (const char16_t* c = name; *c != 0; ++c) {
-    if (used + 1 >= kMaxPipeName) return false;
-    out[used++] = static_cast<wchar_t>(*c);
-  }
-  out[used] = 0;
-  return true;
-}
 
 HANDLE AsHandle(intptr_t handle) { return reinterpret_cast<HANDLE>(handle); }
 

@@ -1,0 +1,161 @@
+#include "platform/pipe_read_loop.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/errors.h"
+#include "platform/thread.h"
+
+#ifndef _WIN32
+#include <stdlib.h>
+#include <unistd.h>
+#endif
+
+namespace orlenda::platform {
+namespace {
+
+// What the loop reported of each writer: its bytes and how often it was disconnected.
+class Recorder : public PipeReadLoop::Handler {
+ public:
+  struct Writer {
+    std::string bytes;
+    int disconnects = 0;
+  };
+
+  void* OnConnect() override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    writers_.emplace_back();
+    return reinterpret_cast<void*>(writers_.size());
+  }
+  void OnBytes(void* writer, const uint8_t* bytes, std::size_t size) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    writers_[Index(writer)].bytes.append(reinterpret_cast<const char*>(bytes), size);
+  }
+  void OnDisconnect(void* writer) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++writers_[Index(writer)].disconnects;
+  }
+  void OnTick() override { ++ticks; }
+
+  std::vector<Writer> writers() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return writers_;
+  }
+  // The writers' bytes, sorted.
+  std::vector<std::string> streams() {
+    std::vector<std::string> all;
+    for (const Writer& w : writers()) all.push_back(w.bytes);
+    std::sort(all.begin(), all.end());
+    return all;
+  }
+
+  std::atomic<int> ticks{0};
+
+ private:
+  static std::size_t Index(void* writer) { return reinterpret_cast<std::size_t>(writer) - 1; }
+  std::mutex mutex_;
+  std::vector<Writer> writers_;
+};
+
+class PipeReadLoopTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+#ifndef _WIN32
+    char dir[] = "/tmp/orlr-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    run_dir_ = dir;
+    setenv("ORLENDA_RUN_DIR", dir, 1);
+#endif
+    char name[64];
+    std::snprintf(name, sizeof name, "orl-loop-%u", static_cast<unsigned>(CurrentProcessId()));
+    for (const char* c = name; *c != 0; ++c) name_.push_back(static_cast<char16_t>(*c));
+    ASSERT_EQ(loop_.Listen(name_.c_str(), PipeMode::kMessage), kErrorSuccess);
+  }
+
+  void TearDown() override {
+    loop_.Shutdown();
+    if (runner_.joinable()) runner_.join();
+#ifndef _WIN32
+    rmdir(run_dir_.c_str());  // the loop took its socket file with it
+    unsetenv("ORLENDA_RUN_DIR");
+#endif
+  }
+
+  // As a writer does: while every instance is taken (Windows), waits for one to be free.
+  void Open(PipeStream* writer) {
+    uint32_t error = writer->Open(name_.c_str(), false);
+    for (int attempt = 0; attempt < 50 && error == kErrorPipeBusy; ++attempt) {
+      WaitForPipe(name_.c_str(), 100);
+      error = writer->Open(name_.c_str(), false);
+    }
+    ASSERT_EQ(error, kErrorSuccess);
+  }
+  static void Send(PipeStream* writer, const std::string& text) {
+    uint32_t written = 0;
+    ASSERT_EQ(writer->Write(text.data(), static_cast<uint32_t>(text.size()), &written), kErrorSuccess);
+    ASSERT_EQ(written, text.size());
+  }
+  // True once `count` writers have arrived (bounded wait).
+  bool WaitForWriters(std::size_t count, bool disconnected) {
+    for (int i = 0; i < 500; ++i) {
+      std::size_t seen = 0;
+      for (const Recorder::Writer& w : recorder_.writers()) seen += !disconnected || w.disconnects > 0;
+      if (seen >= count) return true;
+      SleepMs(10);
+    }
+    return false;
+  }
+
+  std::string run_dir_;
+  std::u16string name_;
+  std::thread runner_;
+  PipeReadLoop loop_;
+  Recorder recorder_;
+};
+
+TEST_F(PipeReadLoopTest, ReadsEveryWriterInOrderAndAtShutdownWhatTheyHadSent) {
+  runner_ = std::thread([this] { EXPECT_EQ(loop_.Run(&recorder_, 20), kErrorSuccess); });
+  PipeStream writers[4];
+  for (PipeStream& w : writers) Open(&w);
+  ASSERT_TRUE(WaitForWriters(4, false));
+  for (int round = 1; round <= 3; ++round) {
+    for (int i = 0; i < 4; ++i) {
+      if (round == 3 && i == 0) continue;
+      Send(&writers[i], std::string(1, char('A' + i)) + std::to_string(round));
+    }
+    if (round == 2) writers[0].Close();  // hangs up in the middle: its end arrives on its own
+  }
+  ASSERT_TRUE(WaitForWriters(1, true));
+  loop_.Shutdown();
+  runner_.join();
+
+  EXPECT_EQ(recorder_.streams(), (std::vector<std::string>{"A1A2", "B1B2B3", "C1C2C3", "D1D2D3"}));
+  for (const Recorder::Writer& w : recorder_.writers()) EXPECT_EQ(w.disconnects, 1) << w.bytes;
+  EXPECT_GE(recorder_.ticks.load(), 1);
+  // The loop has let go of the writers: what they write now fails instead of vanishing.
+  uint32_t written = 0;
+  EXPECT_NE(writers[1].Write("late", 4, &written), kErrorSuccess);
+}
+
+TEST_F(PipeReadLoopTest, ShutdownBeforeRunStillReadsTheWritersWaiting) {
+  PipeStream writer;
+  Open(&writer);
+  Send(&writer, "early");
+  loop_.Shutdown();
+  EXPECT_EQ(loop_.Run(&recorder_, 20), kErrorSuccess);
+  EXPECT_EQ(recorder_.streams(), std::vector<std::string>{"early"});
+  EXPECT_EQ(recorder_.writers().at(0).disconnects, 1);
+  // The pipe is gone.
+  PipeStream another;
+  EXPECT_NE(another.Open(name_.c_str(), false), kErrorSuccess);
+}
+
+}  // namespace
+}  // namespace orlenda::platform

@@ -1,0 +1,166 @@
+// The pipe read loop on POSIX: one poll over the listening socket, an eventfd that Shutdown makes
+// readable for good, and every writer's socket.
+#include "platform/pipe_read_loop.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <new>
+#include <vector>
+
+#include "platform/errors.h"
+#include "platform/heap.h"
+#include "platform/posix/errno_map.h"
+#include "platform/posix/unix_listen_socket.h"
+#include "platform/thread.h"
+
+namespace orlenda::platform {
+namespace {
+
+constexpr std::size_t kReadBytes = 64 * 1024;
+
+struct Writer {
+  int fd;
+  void* context;
+};
+
+}  // namespace
+
+struct PipeReadLoop::Impl {
+  UnixListenSocket socket;
+  int wake_fd = -1;
+  std::atomic<bool> shut_down{false};
+  std::vector<Writer> writers;
+  std::vector<uint8_t> buffer;
+
+  ~Impl() {
+    for (const Writer& w : writers) close(w.fd);
+    if (wake_fd >= 0) close(wake_fd);
+  }
+
+  // Takes every writer waiting in the backlog.
+  void AcceptAll(Handler* handler) {
+    for (;;) {
+      const int fd = accept4(socket.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+      if (fd < 0) {
+        if (errno == EINTR || errno == ECONNABORTED) continue;
+        return;  // EAGAIN: nobody else waits; anything else is retried at the next poll
+      }
+      void* context = handler->OnConnect();
+      if (context == nullptr) {
+        close(fd);
+        continue;
+      }
+      writers.push_back({fd, context});
+    }
+  }
+
+  // One read of the writer's bytes. False when its stream has ended (or failed): it is done.
+  bool ReadOnce(Handler* handler, const Writer& w) {
+    for (;;) {
+      const ssize_t got = recv(w.fd, buffer.data(), buffer.size(), 0);
+      if (got > 0) {
+        handler->OnBytes(w.context, buffer.data(), static_cast<std::size_t>(got));
+        return true;
+      }
+      if (got < 0 && errno == EINTR) continue;
+      return got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+    }
+  }
+
+  void Drop(Handler* handler, std::size_t index) {
+    handler->OnDisconnect(writers[index].context);
+    close(writers[index].fd);
+    writers.erase(writers.begin() + static_cast<std::ptrdiff_t>(index));
+  }
+
+  // The end: the writers' sending side is shut first, so that a write after this point fails
+  // instead of vanishing with the socket, and what they had sent is read out.
+  void Finish(Handler* handler) {
+    AcceptAll(handler);
+    for (const Writer& w : writers) shutdown(w.fd, SHUT_RD);
+    while (!writers.empty()) {
+      while (ReadOnce(handler, writers.back())) {
+        // EAGAIN after SHUT_RD cannot happen: a drained socket reads as its end.
+      }
+      Drop(handler, writers.size() - 1);
+    }
+    socket.Close();
+    handler->OnTick();
+  }
+};
+
+PipeReadLoop::~PipeReadLoop() {
+  if (impl_ == nullptr) return;
+  impl_->~Impl();
+  HeapFreeBlock(impl_);
+  impl_ = nullptr;
+}
+
+uint32_t PipeReadLoop::Listen(const char16_t* name, PipeMode /*mode*/) {
+  if (impl_ != nullptr) return kErrorInvalidParameter;  // one pipe per loop
+  void* memory = HeapAllocZero(sizeof(Impl));
+  if (memory == nullptr) return kErrorNotEnoughMemory;
+  Impl* impl = new (memory) Impl();
+  impl->buffer.resize(kReadBytes);
+  impl->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  const uint32_t error = impl->wake_fd < 0 ? LastErrno() : impl->socket.Open(name);
+  if (error != kErrorSuccess) {
+    impl->~Impl();
+    HeapFreeBlock(impl);
+    return error;
+  }
+  impl_ = impl;
+  return kErrorSuccess;
+}
+
+uint32_t PipeReadLoop::Run(Handler* handler, uint32_t tick_ms) {
+  if (impl_ == nullptr) return kErrorInvalidHandle;
+  Impl& loop = *impl_;
+  std::vector<pollfd> fds;
+  uint32_t last_tick = TickCountMs();
+  uint32_t error = kErrorSuccess;
+  while (!loop.shut_down.load(std::memory_order_acquire)) {
+    fds.clear();
+    fds.push_back({loop.wake_fd, POLLIN, 0});
+    fds.push_back({loop.socket.fd(), POLLIN, 0});
+    for (const Writer& w : loop.writers) fds.push_back({w.fd, POLLIN, 0});
+    const uint32_t since_tick = TickCountMs() - last_tick;
+    const int timeout = since_tick >= tick_ms ? 0 : static_cast<int>(tick_ms - since_tick);
+    const int ready = poll(fds.data(), fds.size(), timeout);
+    if (ready < 0 && errno != EINTR) {
+      error = LastErrno();
+      break;
+    }
+    if (ready > 0) {
+      // Writers first, by their place in fds, before AcceptAll adds new ones behind them.
+      for (std::size_t i = fds.size(); i-- > 2;) {
+        if (fds[i].revents != 0 && !loop.ReadOnce(handler, loop.writers[i - 2])) loop.Drop(handler, i - 2);
+      }
+      if (fds[1].revents != 0) loop.AcceptAll(handler);
+    }
+    if (TickCountMs() - last_tick >= tick_ms) {
+      handler->OnTick();
+      last_tick = TickCountMs();
+    }
+  }
+  loop.Finish(handler);
+  return error;
+}
+
+void PipeReadLoop::Shutdown() {
+  if (impl_ == nullptr) return;
+  // The name goes first, so that new writers find no pipe rather than a loop that is leaving.
+  impl_->socket.RemoveFile();
+  impl_->shut_down.store(true, std::memory_order_release);
+  uint64_t one = 1;
+  // Never read back: the eventfd stays readable, so every later poll returns at once too.
+  const ssize_t ignored = write(impl_->wake_fd, &one, sizeof(one));
+  (void)ignored;
+}
+
+}  // namespace orlenda::platform
