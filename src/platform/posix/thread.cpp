@@ -5,6 +5,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <new>
 
@@ -101,8 +102,39 @@ LocalTime ToLocalTime(uint64_t filetime) {
   return result;
 }
 
-uint32_t CurrentProcessId() { return static_cast<uint32_t>(getpid()); }
+// Both ids are asked for with every trace record, and each question is a system call here (the C
+// library keeps no copy), so they are kept: the thread id per thread, the process id per process.
+// A child made by fork has a new process id and its thread a new thread id: both are forgotten in
+// the child.
+namespace {
 
-uint32_t CurrentThreadId() { return static_cast<uint32_t>(syscall(SYS_gettid)); }
+std::atomic<uint32_t> g_process_id{0};
+thread_local uint32_t t_thread_id = 0;
+
+void ForgetIdsInChild() {
+  g_process_id.store(0, std::memory_order_relaxed);
+  t_thread_id = 0;
+}
+
+}  // namespace
+
+uint32_t CurrentProcessId() {
+  uint32_t id = g_process_id.load(std::memory_order_relaxed);
+  if (id == 0) {
+    static const int registered = pthread_atfork(nullptr, nullptr, &ForgetIdsInChild);
+    (void)registered;
+    id = static_cast<uint32_t>(getpid());
+    g_process_id.store(id, std::memory_order_relaxed);
+  }
+  return id;
+}
+
+uint32_t CurrentThreadId() {
+  if (t_thread_id == 0) {
+    CurrentProcessId();  // registers the fork handler that forgets this one too
+    t_thread_id = static_cast<uint32_t>(syscall(SYS_gettid));
+  }
+  return t_thread_id;
+}
 
 }  // namespace orlenda::platform
