@@ -23,6 +23,18 @@
  *    callee, which frees it with SkStringFree. A string or list handed back through an out
  *    parameter belongs to the caller.
  *
+ * Out parameters. Write's `written` and Ioctl's `output` are never NULL: the service always passes
+ * a slot (Ioctl's holding NULL), so a component writes to it without checking. A component that
+ * calls the layer below passes slots of its own the same way.
+ *
+ * Calling back. A component may call every host table entry, EnumeratePort included, from inside
+ * any of its operations, its event entry and its own threads. A call in progress on one port never
+ * holds up another port. On its own port, two things wait for each other and a component must not
+ * wait for them: an Open of a port waits for another thread's Open of the same port to end, and the
+ * port's lock requests are served one at a time (the stack's SK_PORT_LOCK, SK_PORT_EXCLUSIVE and
+ * SK_LOCK_STATE are part of serving one). So inside those, do not wait for a thread of your own
+ * that opens or locks the same port.
+ *
  * Calls may come from any thread; a module serialises its own state.
  *
  * File version. The service traces every module's file version when it loads it. On Windows that is

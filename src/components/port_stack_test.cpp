@@ -204,9 +204,11 @@ TEST_F(PortStackTest, FailingOpenClosesTheComponentsAboveInReverseOrder) {
     uint32_t result;
     const char16_t* calls;
   } cases[] = {
+      // Each closed layer passes its Close on to the layer below (which knows no such port).
       {u"/testmodule/test_c/openResult", SKR_SYSTEM_ERROR,
-       u"test_a:open:7;test_b:open:7;test_c:open:7;test_b:close:7;test_a:close:7;"},
-      {u"/testmodule/test_b/openResult", SKR_LOCKED_BY_OTHER, u"test_a:open:7;test_b:open:7;test_a:close:7;"},
+       u"test_a:open:7;test_b:open:7;test_c:open:7;test_b:close:7;test_c:close:7;test_a:close:7;test_b:close:7;"},
+      {u"/testmodule/test_b/openResult", SKR_LOCKED_BY_OTHER,
+       u"test_a:open:7;test_b:open:7;test_a:close:7;test_b:close:7;"},
       {u"/testmodule/test_a/openResult", SKR_SUSPENDED, u"test_a:open:7;"},
   };
   for (const auto& c : cases) {

@@ -1,37 +1,58 @@
 // COpenPort: one open port name, shared by every connection that opened that name, and with it one
 // instance of the port's component stack.
 //
+// The rule that shapes everything below: a component call may take minutes (a printer out of
+// paper holds a write), and a component may call back into the service (the host table, the
+// port enumeration included) from inside any of its operations, its event path and its own
+// threads. So no lock and no wait of this layer may depend on a component call of another port,
+// and the only waits for component calls on the same port are those of the port's own lock
+// protocol and of the last Close before it closes the stack.
+//
 // Fields and what guards them:
-//  - members (connection pointers): the members lock, plus the busy counter. A walk of the members
-//    raises busy (the members lock is held for the increment only) and reads the set without the
-//    lock; adding or removing a member takes the members lock and waits, polling every 10 ms with
-//    the lock left while it sleeps, until busy is 0. So the set never changes under a walk.
-//  - lock queue and exclusive writer: the lock-queue lock.
-//  - name, number, stack entry points: written once while the port is opened (under the port-table
-//    lock, before the port enters the table) and read-only afterwards.
+//  - members: an immutable, reference-counted list, replaced under the members lock whenever a
+//    member joins or leaves. A walk of the members (events, lock and exclusive-writer notices)
+//    takes the current list and raises busy, both under the members lock, and then reads its own
+//    list without any lock. Joining never waits: the walks in progress keep their own lists. A
+//    member that leaves is taken out at once; its Close then waits (polling every 10 ms, holding
+//    nothing) until the walks that may still hold it are over. Those are counted in two halves,
+//    switched by every removal, so that walks that start after the removal (and cannot see the
+//    leaver) never prolong the wait. A walk skips a member that left the port on the walk's own
+//    thread meanwhile (the leaver does not wait for its own thread's walk).
+//  - calls: the number of component calls in progress for members (Write, routed Ioctl, the lock
+//    protocol's stack requests). It is raised before the membership check and lowered after the
+//    call returns, so that the Close of the last member, which takes the port out of the table
+//    and then waits for calls to fall to 0 (calls of its own thread aside) before the stack's
+//    Close, never overlaps a call with the stack's Close and never lets a number be reused while
+//    a call for it is still inside the stack.
+//  - lock queue and exclusive writer: the lock-queue lock. The lock protocol (admission, hand-over,
+//    the exclusive-writer step, the lock-state change, 0x50010005) calls the stack under it, so
+//    lock requests of one port are served one at a time; writes and other controls never take it,
+//    except the write access check of a member with an access key, which reads the exclusive
+//    writer. `locked` mirrors "the queue's first entry is a connection" for the locked-port query,
+//    which must not wait for this lock.
+//  - name, number, stack entry points: written while the port is opened, before it is published
+//    (`opening` cleared), and read-only afterwards.
 //  - suspended: a manual-reset event, set while the system is suspended.
 //
 // Lifetime: the port is reference counted. The port table holds one reference from the port's
-// insertion to the Close of its last member; every lookup hands out one more (PortRef), taken
-// under the lookup lock of the table, so a port found by a request or an event sink stays
-// allocated until that user lets go, whatever a concurrent Close does. The stack's Close is called
-// once, by the Close that removes the last member; the memory goes with the last reference.
+// insertion to the Close of its last member; every lookup hands out one more (PortRef), so a port
+// found by a request or an event sink stays allocated until that user lets go, whatever a
+// concurrent Close does. The stack's Close is called once, by the Close that removes the last
+// member; the memory goes with the last reference.
 //
 // Connection pointers: a connection leaves the members and the lock queue in its own Close before
-// it goes away (slot 2). Every operation that acts for a member holds busy from its membership
-// check to the end of its stack call, and removing a member waits for busy to fall to 0. Hence:
-//  - a member's Write, Ioctl or lock request that passed the membership check finishes before that
-//    member's removal does, so it never appends to the lock queue after the Close has cleared it,
-//    and the stack's Close never overlaps a member's own stack call;
-//  - a walk of the members (events, lock notices) only meets connections that are still alive.
-// Lock-queue entries are read and dereferenced only under the lock-queue lock, and a Close removes
-// its connection's entries under that lock, so the queue never holds a dangling pointer.
+// it goes away (slot 2), and its transport keeps it alive until its own requests are over. A walk
+// only meets connections that are still members or whose Close is waiting for that walk. Lock-queue
+// entries are read and dereferenced only under the lock-queue lock, and a member's lock requests
+// check its membership under that lock, so a Close (which removes the member, then its entries,
+// under that lock) never leaves an entry behind.
 //
-// Lock order: the port-table lock, then the lock-queue lock, then the members lock. The lookup lock
-// and a connection's state lock are leaves. The members lock is never held while anything else is
-// taken or called; busy is not a lock, but a thread holding busy never waits for the port-table
-// lock (lookups take only the lookup lock), so the busy wait of a Close under the port-table lock
-// always ends.
+// Lock order (whole port layer): a connection's open lock, the port-table lock, a port's lock-queue
+// lock, a port's members lock; the lookup lock, the removal lock and a connection's state lock are
+// leaves. The port-table lock is never held while a component is called or while anything waits
+// for one: a new port's stack is opened with the port reserved in the table but the lock left.
+// Busy is not a lock, and a walk makes no component call. The configuration lock is never held
+// while any of these is taken.
 #pragma once
 
 #include <atomic>
@@ -47,6 +68,22 @@
 namespace orlenda {
 
 class CSKConnection;
+
+// The members of a port at one moment, in address order; shared by the walks that read it.
+class MemberList {
+ public:
+  // A list of `items` plus `added` (when not null) minus `removed` (when not null). Null when
+  // memory is short.
+  static MemberList* Make(const MemberList* from, CSKConnection* added, CSKConnection* removed);
+  void AddRef() { references_.fetch_add(1, std::memory_order_relaxed); }
+  void Release();
+  bool Contains(const CSKConnection* connection) const;
+  const HeapVector<CSKConnection*>& items() const { return items_; }
+
+ private:
+  std::atomic<long> references_{1};
+  HeapVector<CSKConnection*> items_;
+};
 
 class COpenPort {
  public:
@@ -65,52 +102,73 @@ class COpenPort {
   const WString& name() const { return name_; }
   const SkComponentTable& stack() const { return stack_; }
 
-  // Members. Insert fails (false) when present, Remove when absent. Both wait for busy to be 0.
+  // Members. AddMember fails (false) when present or when memory is short, RemoveMember when
+  // absent; RemoveMember returns once no walk of another thread can still meet the connection.
   bool AddMember(CSKConnection* connection);
   bool RemoveMember(CSKConnection* connection);
-  // With busy raised by the caller: the set is stable.
-  bool IsMember(CSKConnection* connection) const { return members_.count(connection) != 0; }
-  bool HasMembers() const { return !members_.empty(); }
-  const HeapSet<CSKConnection*>& members() const { return members_; }
+  bool IsMember(CSKConnection* connection) const;
+  bool HasMembers() const;
 
-  void RaiseBusy();
-  void LowerBusy() { busy_.fetch_sub(1, std::memory_order_acq_rel); }
+  // Calls `tell(member)` for every member (but `except`), as a walk: members neither join nor
+  // leave under it as far as it can tell.
+  template <class Tell>
+  void ForEachMember(CSKConnection* except, Tell tell);
 
   bool suspended() const { return suspended_.Wait(0); }
   void SetSuspended(bool on) { on ? suspended_.Set() : suspended_.Reset(); }
 
   // The stack's Write and Ioctl with the port's number. Each hands the callee a reference of its
-  // own on the input; a missing entry answers SKR_INVALID_HANDLE. A null `output` reaches the
-  // stack as a missing output slot.
+  // own on the input; a missing entry answers SKR_INVALID_HANDLE. The stack always gets an output
+  // slot; a null `output` drops what the stack hands back. The caller counts the call (CallScope).
   uint32_t StackWrite(const BlobRef& data, uint32_t* written) const;
   uint32_t StackIoctl(uint32_t code, const BlobRef& input, BlobRef* output) const;
   // Ioctl with a DWORD parameter; the output, if any, is dropped.
   uint32_t StackIoctlDword(uint32_t code, uint32_t value) const;
 
+  // Waits until no component call of another thread is in progress for this port.
+  void WaitForCalls() const;
+
   platform::CriticalSection& queue_lock() { return queue_lock_; }
   // Under queue_lock().
   LockQueue& queue() { return queue_; }
   CSKConnection*& exclusive_writer() { return exclusive_writer_; }
+  // Under queue_lock(), after every change of the queue.
+  void PublishQueueState() { locked_.store(!queue_.empty() && queue_.front() != nullptr, std::memory_order_release); }
+  // Whether the queue's first entry is a connection; no lock needed.
+  bool locked() const { return locked_.load(std::memory_order_acquire); }
 
   // Number of COpenPort objects alive in the process (a test hook for leak checks).
   static long LiveCount() { return live_.load(std::memory_order_acquire); }
 
  private:
   friend class PortTable;  // fills name and stack while opening
+  friend class CallScope;
+  friend class WalkScope;
 
   std::atomic<long> references_{1};
   const uint32_t number_;
   WString name_;
   SkComponentTable stack_{};
+  // Set from the reservation in the table until the stack's Open returned; `opener_` is the thread
+  // that opens it, `opened_` is set when it is done.
+  std::atomic<bool> opening_{false};
+  uint32_t opener_ = 0;
+  platform::Event opened_{platform::ResetMode::kManual, false};
   mutable platform::Event suspended_{platform::ResetMode::kManual, false};
 
-  platform::CriticalSection members_lock_;
-  std::atomic<int32_t> busy_{0};
-  HeapSet<CSKConnection*> members_;
+  mutable platform::CriticalSection members_lock_;
+  MemberList* members_ = nullptr;        // under members_lock_; never null after construction
+  uint32_t epoch_ = 0;                   // under members_lock_; its low bit picks the walk count
+  std::atomic<int32_t> walks_[2] = {};   // walks in progress, by the epoch they started in
+  std::atomic<uint32_t> changes_{0};     // bumped by every removal
+  platform::CriticalSection removal_lock_;  // one removal at a time
+
+  mutable std::atomic<int32_t> calls_{0};
 
   platform::CriticalSection queue_lock_;
   LockQueue queue_;
   CSKConnection* exclusive_writer_ = nullptr;
+  std::atomic<bool> locked_{false};
 
   static std::atomic<long> live_;
 };
@@ -139,37 +197,66 @@ class PortRef {
   COpenPort* port_ = nullptr;
 };
 
-// Raises a port's busy count for a scope.
-class BusyScope {
+// Counts a component call for a member, from before its membership check to after the call.
+class CallScope {
  public:
-  explicit BusyScope(COpenPort* port) : port_(port) { port_->RaiseBusy(); }
-  ~BusyScope() { port_->LowerBusy(); }
-  BusyScope(const BusyScope&) = delete;
-  BusyScope& operator=(const BusyScope&) = delete;
+  explicit CallScope(const COpenPort* port);
+  ~CallScope();
+  CallScope(const CallScope&) = delete;
+  CallScope& operator=(const CallScope&) = delete;
+
+ private:
+  const COpenPort* port_;
+};
+
+// One walk of a port's members: its list and its place in the busy count.
+class WalkScope {
+ public:
+  explicit WalkScope(COpenPort* port);
+  ~WalkScope();
+  WalkScope(const WalkScope&) = delete;
+  WalkScope& operator=(const WalkScope&) = delete;
+
+  const MemberList& members() const { return *members_; }
+  // Whether `member` left the port after this walk began (only a leaver on this walk's own thread
+  // can have, the others wait for the walk).
+  bool Left(CSKConnection* member) const;
 
  private:
   COpenPort* port_;
+  MemberList* members_;
+  int half_;
+  uint32_t changes_;
 };
+
+template <class Tell>
+void COpenPort::ForEachMember(CSKConnection* except, Tell tell) {
+  WalkScope walk(this);
+  for (CSKConnection* member : walk.members().items()) {
+    if (member == except || walk.Left(member)) continue;
+    tell(member);
+  }
+}
 
 // The port layer's algorithms that read and change a connection's port state. One class so that
 // CSKConnection needs a single friend; the functions live in the files named beside them.
 class PortAccess {
  public:
-  // port_lock.cpp. Each runs with busy raised by the caller and the caller's membership checked.
+  // port_lock.cpp. Lock and UnlockRequest answer SKR_INVALID_HANDLE for a connection that is not
+  // a member (checked under the lock-queue lock), as Exclusive does.
   static uint32_t Lock(COpenPort* port, CSKConnection* connection);
+  static uint32_t UnlockRequest(COpenPort* port, CSKConnection* connection);
   // Removes the connection's entries, gives up its exclusive-writer flag, clears lock granted, and
-  // passes the lock on when it held it. Also called by Close, with busy not raised (the connection
-  // is no member any more then; the walks it makes raise busy themselves).
+  // passes the lock on when it held it. Called by Close after the connection left the members.
   static void Unlock(COpenPort* port, CSKConnection* connection);
   static uint32_t Exclusive(COpenPort* port, CSKConnection* connection, uint32_t value);
   // The access check of Write: SKR_NOT_LOCKED, SKR_LOCKED_BY_OTHER or SKR_SUCCESS.
   static uint32_t CheckWriteAccess(COpenPort* port, CSKConnection* connection);
-  // SK_EVENT_LOCK_CHANGED from the stack; busy raised by the caller.
+  // SK_EVENT_LOCK_CHANGED from the stack.
   static void LockChanged(COpenPort* port);
 
   // port_events.cpp: the event sink handed to the stack, and delivery to all members but one.
   static void SKEIN_CALL EventSink(uint32_t number, uint32_t event, SkBlob* data);
-  // With busy raised by the caller.
   static void SendToOthers(COpenPort* port, CSKConnection* except, uint32_t event, const BlobRef& data);
 
   // port_router.cpp: every control code the port does not serve itself.

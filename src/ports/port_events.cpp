@@ -11,22 +11,20 @@ namespace orlenda {
 void SKEIN_CALL PortAccess::EventSink(uint32_t number, uint32_t event, SkBlob* data) {
   const BlobRef held = BlobRef::Adopt(FromSkBlob(data));  // the reference the stack handed up
   // The reference from the lookup keeps the port allocated even when its last member closes
-  // meanwhile; busy keeps the members from leaving during the walk.
+  // meanwhile; the walk keeps the members it meets alive.
   PortRef port = PortTable::Find(number);
   if (!port) return;
-  BusyScope busy(port.get());
   if ((event & SK_EVENT_PORT_ONLY) != 0) {
+    // Not a walk of the members: the lock-state change asks the stack, which may call back into
+    // the service, and works on the lock queue under its own lock.
     if (event == SK_EVENT_LOCK_CHANGED) LockChanged(port.get());
     return;
   }
-  for (CSKConnection* member : port->members()) member->Event(event, held);
+  port->ForEachMember(nullptr, [&](CSKConnection* member) { member->Event(event, held); });
 }
 
 void PortAccess::SendToOthers(COpenPort* port, CSKConnection* except, uint32_t event, const BlobRef& data) {
-  BusyScope busy(port);
-  for (CSKConnection* member : port->members()) {
-    if (member != except) member->Event(event, data);
-  }
+  port->ForEachMember(except, [&](CSKConnection* member) { member->Event(event, data); });
 }
 
 }  // namespace orlenda

@@ -71,30 +71,42 @@ bool SharesLock(const Queue& queue, Queue::const_iterator at) {
   return true;
 }
 
+// The lock-queue lock for a scope; the queue's state for the locked-port query is published
+// before it is left.
+class QueueHold {
+ public:
+  explicit QueueHold(COpenPort* port) : port_(port), hold_(port->queue_lock()) {}
+  ~QueueHold() { port_->PublishQueueState(); }
+  QueueHold(const QueueHold&) = delete;
+  QueueHold& operator=(const QueueHold&) = delete;
+
+ private:
+  COpenPort* port_;
+  platform::ScopedLock hold_;
+};
+
 // Admission of `connection`: the stack's lock, then the notices to the members. Under the
 // lock-queue lock.
+//
+// Lock granted is set before any member is told: a client that waits for SK_EVENT_LOCK 1 and
+// writes the moment it arrives must find its write allowed. Nothing else can tell the two orders
+// apart.
 uint32_t Admit(COpenPort* port, CSKConnection* connection) {
   const uint32_t result = port->StackIoctlDword(SK_PORT_LOCK, StackLockValue(connection));
-  if (result != SKR_SUCCESS) {
-    PortAccess::SetLockGranted(connection, true);  // on purpose: a stack without locking still writes
-    return result;
-  }
-  {
-    BusyScope busy(port);
-    const WString member = connection->member_name();
-    for (CSKConnection* other : port->members()) {
-      if (other == connection) {
-        Tell(other, SK_EVENT_LOCK, kHoldsLock);
-        continue;
-      }
-      if (!member.empty()) {
-        const WString other_member = other->member_name();
-        if (!other_member.empty() && other_member != member) continue;
-      }
-      Tell(other, SK_EVENT_LOCK, kOtherHoldsLock);
+  PortAccess::SetLockGranted(connection, true);  // on a refusal too: a stack without locking still writes
+  if (result != SKR_SUCCESS) return result;
+  const WString member = connection->member_name();
+  port->ForEachMember(nullptr, [&](CSKConnection* other) {
+    if (other == connection) {
+      Tell(other, SK_EVENT_LOCK, kHoldsLock);
+      return;
     }
-  }
-  PortAccess::SetLockGranted(connection, true);
+    if (!member.empty()) {
+      const WString other_member = other->member_name();
+      if (!other_member.empty() && other_member != member) return;
+    }
+    Tell(other, SK_EVENT_LOCK, kOtherHoldsLock);
+  });
   return SKR_SUCCESS;
 }
 
@@ -106,6 +118,18 @@ void GrantSharers(Queue& queue, bool tell) {
     PortAccess::SetLockGranted(*it, true);
     if (tell) Tell(*it, SK_EVENT_LOCK, kHoldsLock);
   }
+}
+
+// The exclusive-writer step with 0 for the holder: the stack is told (its answer does not matter),
+// then the other members. Does nothing for a connection that does not hold the flag. Under the
+// lock-queue lock.
+void GiveUpExclusive(COpenPort* port, CSKConnection* connection) {
+  CSKConnection*& holder = port->exclusive_writer();
+  if (holder != connection) return;
+  const BlobRef notice = BlobRef::Adopt(DwordBlobCreate(0));
+  port->StackIoctl(SK_PORT_EXCLUSIVE, notice, nullptr);
+  PortAccess::SendToOthers(port, connection, SK_EVENT_EXCLUSIVE, notice);
+  holder = nullptr;
 }
 
 // Rules 1-3 of the hand-over. Under the lock-queue lock.
@@ -129,8 +153,9 @@ void PassOn(COpenPort* port) {
 }  // namespace
 
 uint32_t PortAccess::Lock(COpenPort* port, CSKConnection* connection) {
+  QueueHold hold(port);
+  if (!port->IsMember(connection)) return SKR_INVALID_HANDLE;
   if (port->suspended()) return SKR_SUSPENDED;
-  platform::ScopedLock hold(port->queue_lock());
   Queue& queue = port->queue();
 
   bool placeholder_removed = false;
@@ -168,29 +193,35 @@ uint32_t PortAccess::Lock(COpenPort* port, CSKConnection* connection) {
   return result;
 }
 
+uint32_t PortAccess::UnlockRequest(COpenPort* port, CSKConnection* connection) {
+  QueueHold hold(port);
+  if (!port->IsMember(connection)) return SKR_INVALID_HANDLE;
+  Unlock(port, connection);
+  return SKR_SUCCESS;
+}
+
 void PortAccess::Unlock(COpenPort* port, CSKConnection* connection) {
-  platform::ScopedLock hold(port->queue_lock());
+  QueueHold hold(port);
   port->queue().remove(connection);
-  Exclusive(port, connection, 0);
+  GiveUpExclusive(port, connection);
   SetLockGranted(connection, false);
   PassOn(port);
 }
 
 uint32_t PortAccess::Exclusive(COpenPort* port, CSKConnection* connection, uint32_t value) {
   platform::ScopedLock hold(port->queue_lock());
+  if (!port->IsMember(connection)) return SKR_INVALID_HANDLE;
   if (!connection->lock_granted()) return SKR_NOT_LOCKED;
   CSKConnection*& holder = port->exclusive_writer();
   if (holder == connection ? value != 0 : (holder == nullptr && value == 0)) return SKR_SUCCESS;
   if (holder != nullptr && holder != connection) return SKR_LOCKED_BY_OTHER;
-
-  const BlobRef notice = BlobRef::Adopt(DwordBlobCreate(value));
-  BlobRef dropped;
-  const uint32_t result = port->StackIoctl(SK_PORT_EXCLUSIVE, notice, &dropped);
-  if (holder == connection) {  // giving it up: the stack's answer does not matter
-    SendToOthers(port, connection, SK_EVENT_EXCLUSIVE, notice);
-    holder = nullptr;
+  if (holder == connection) {
+    GiveUpExclusive(port, connection);
     return SKR_SUCCESS;
   }
+
+  const BlobRef notice = BlobRef::Adopt(DwordBlobCreate(value));
+  const uint32_t result = port->StackIoctl(SK_PORT_EXCLUSIVE, notice, nullptr);
   if (result != SKR_SUCCESS && result != SKR_INVALID_PARAMETER) return result;
   SendToOthers(port, connection, SK_EVENT_EXCLUSIVE, notice);
   holder = connection;
@@ -208,7 +239,7 @@ uint32_t PortAccess::CheckWriteAccess(COpenPort* port, CSKConnection* connection
 }
 
 void PortAccess::LockChanged(COpenPort* port) {
-  platform::ScopedLock hold(port->queue_lock());
+  QueueHold hold(port);
   Queue& queue = port->queue();
   if (!queue.empty() && queue.front() == nullptr) queue.pop_front();
   if (queue.empty()) return;

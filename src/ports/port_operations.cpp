@@ -92,8 +92,8 @@ uint32_t CSKConnection::Write(const BlobRef& data, uint32_t* written) {
   } else if (port->suspended()) {
     result = SKR_SUSPENDED;
   } else {
-    // Busy stays raised through the stack's Write: this member's Close waits for it.
-    BusyScope busy(port.get());
+    // Counted through the stack's Write: the last Close waits for it, nothing else does.
+    CallScope call(port.get());
     if (!port->IsMember(this) || port->stack().Write == nullptr) {
       result = SKR_INVALID_HANDLE;
     } else {
@@ -129,17 +129,7 @@ uint32_t CSKConnection::Ioctl(uint32_t code, const BlobRef& input, BlobRef* outp
     } else if (value != kLock && value != kUnlock) {
       result = SKR_INVALID_PARAMETER;
     } else {
-      {
-        BusyScope busy(port.get());
-        if (!port->IsMember(this)) {
-          result = SKR_INVALID_HANDLE;
-        } else if (value == kLock) {
-          result = PortAccess::Lock(port.get(), this);
-        } else {
-          PortAccess::Unlock(port.get(), this);
-          result = SKR_SUCCESS;
-        }
-      }
+      result = value == kLock ? PortAccess::Lock(port.get(), this) : PortAccess::UnlockRequest(port.get(), this);
       LockStateChangedEvent().Set();
     }
   } else if (code == SK_PORT_NOTIFY) {
@@ -149,11 +139,10 @@ uint32_t CSKConnection::Ioctl(uint32_t code, const BlobRef& input, BlobRef* outp
     if (!dword) {
       result = SKR_INVALID_SIZE;
     } else {
-      BusyScope busy(port.get());
-      result = port->IsMember(this) ? PortAccess::Exclusive(port.get(), this, value) : SKR_INVALID_HANDLE;
+      result = PortAccess::Exclusive(port.get(), this, value);
     }
   } else {
-    result = PortAccess::Route(port.get(), this, code, input, output);
+    result = PortAccess::Route(port.get(), this, code, input, out);
   }
 
   uint32_t out_value = 0;

@@ -11,8 +11,9 @@
 // between the stack's answer and the queue it was given against; while the system is suspended
 // it answers SKR_SUSPENDED without reaching the stack. The stack's result is returned unchanged.
 //
-// Busy stays raised from the membership check to the end of the stack's call, so a Close of this
-// connection waits for the request (open_port.h).
+// The call is counted from before the membership check to the end of the stack's call, so the
+// last Close of the port waits for it before it closes the stack (open_port.h); nothing else
+// waits for it.
 #include "common/result_codes.h"
 #include "ports/open_port.h"
 #include "ports/property_requests.h"
@@ -30,7 +31,7 @@ constexpr uint32_t kConfigApply = 0x50070010u;
 
 uint32_t PortAccess::Route(COpenPort* port, CSKConnection* connection, uint32_t code, const BlobRef& input,
                            BlobRef* output) {
-  BusyScope busy(port);
+  CallScope call(port);
   if (!port->IsMember(connection) || port->stack().Ioctl == nullptr) return SKR_INVALID_HANDLE;
   if ((code & kBit30) == 0) return port->StackIoctl(code, input, output);
   if ((code & kBit29) != 0) {
@@ -41,10 +42,7 @@ uint32_t PortAccess::Route(COpenPort* port, CSKConnection* connection, uint32_t 
   if (IsPropertyRequest(code)) {
     bool changed = false;
     const uint32_t result = ServePropertyRequest(View(port->name()), code, input, output, &changed);
-    if (changed) {
-      BlobRef dropped;
-      port->StackIoctl(kConfigApply, BlobRef(), &dropped);  // takes the change up; its answer is not ours
-    }
+    if (changed) port->StackIoctl(kConfigApply, BlobRef(), nullptr);  // takes the change up; its answer is not ours
     return result;
   }
 

@@ -1,5 +1,6 @@
 // Many request threads on the same few ports at once: open, lock, write (with the echoes flowing
-// back as events), notify, let the device blip away and back, unlock or vanish, close. Run under
+// back as events), notify, let the device blip away and back, unlock or vanish, close. One of the
+// ports is a slow device (every write takes a millisecond or more in the component). Run under
 // ThreadSanitizer and AddressSanitizer this shows the absence of data races and leaks; the test
 // itself checks that no thread waits forever, that a keyless holder always holds alone, and that
 // nothing (port record, stack instance) is left at the end.
@@ -20,15 +21,16 @@ namespace {
 using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
 
 constexpr int kThreads = 24;
-constexpr int kPorts = 3;
+constexpr int kPorts = 4;
 constexpr int kRounds = 40;
 constexpr int kWritesPerHold = 3;
 // Correctness bounds, far above what a round needs even under a sanitizer.
 constexpr auto kGrantWait = std::chrono::seconds(60);
 constexpr auto kRunLimit = std::chrono::seconds(300);
 
-const char16_t* const kNames[kPorts] = {u"loop/dev1", u"loop/dev2", u"loop/dev3"};
-const char16_t* const kKeyedNames[kPorts] = {u"loop/dev1?key=", u"loop/dev2?key=", u"loop/dev3?key="};
+const char16_t* const kNames[kPorts] = {u"loop/dev1", u"loop/dev2", u"loop/dev3", u"mixed/dev1"};
+const char16_t* const kKeyedNames[kPorts] = {u"loop/dev1?key=", u"loop/dev2?key=", u"loop/dev3?key=",
+                                             u"mixed/dev1?key="};
 
 struct Holders {
   std::atomic<int> plain{0};
@@ -128,6 +130,9 @@ void Worker(Shared& shared, int index) {
 }
 
 TEST_F(PortTest, ManyThreadsOnFewPorts) {
+  // The slow port's module records nothing (its record goes through the store, one save a call).
+  ASSERT_TRUE(SetNumberProperty(u"/testmodule/test_component/writeDelayMs", 1));
+  ASSERT_TRUE(SetNumberProperty(u"/testmodule/test_component/quiet", 1));
   Shared shared;
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) threads.emplace_back(Worker, std::ref(shared), i);

@@ -1,4 +1,4 @@
-// The port table, the open-port record and the parsing of open names.
+// The port table and the parsing of open names.
 #include "ports/port_table.h"
 
 #include <optional>
@@ -9,84 +9,6 @@
 #include "ports/sk_connection.h"
 
 namespace orlenda {
-
-// ---- COpenPort ----
-
-std::atomic<long> COpenPort::live_{0};
-
-COpenPort::COpenPort(uint32_t number) : number_(number) { live_.fetch_add(1, std::memory_order_acq_rel); }
-
-COpenPort::~COpenPort() { live_.fetch_sub(1, std::memory_order_acq_rel); }
-
-void COpenPort::Release() {
-  if (references_.fetch_sub(1, std::memory_order_acq_rel) == 1) HeapDelete(this);
-}
-
-void COpenPort::RaiseBusy() {
-  platform::ScopedLock hold(members_lock_);
-  busy_.fetch_add(1, std::memory_order_acq_rel);
-}
-
-namespace {
-
-// Busy as a compare-exchange reads it: unchanged, and ordered after every walk that lowered it.
-int32_t ReadBusy(std::atomic<int32_t>& busy) {
-  int32_t expected = 0;
-  busy.compare_exchange_strong(expected, 0, std::memory_order_acq_rel);
-  return expected;
-}
-
-constexpr uint32_t kBusyPollMs = 10;
-
-}  // namespace
-
-bool COpenPort::AddMember(CSKConnection* connection) {
-  members_lock_.Enter();
-  while (ReadBusy(busy_) > 0) {
-    members_lock_.Leave();
-    platform::SleepMs(kBusyPollMs);
-    members_lock_.Enter();
-  }
-  const bool inserted = members_.insert(connection).second;
-  members_lock_.Leave();
-  return inserted;
-}
-
-bool COpenPort::RemoveMember(CSKConnection* connection) {
-  members_lock_.Enter();
-  while (ReadBusy(busy_) > 0) {
-    members_lock_.Leave();
-    platform::SleepMs(kBusyPollMs);
-    members_lock_.Enter();
-  }
-  const bool erased = members_.erase(connection) != 0;
-  members_lock_.Leave();
-  return erased;
-}
-
-uint32_t COpenPort::StackWrite(const BlobRef& data, uint32_t* written) const {
-  if (stack_.Write == nullptr) return SKR_INVALID_HANDLE;
-  BlobRef passed = data;  // the reference that goes to the stack
-  return stack_.Write(number_, ToSkBlob(passed.Release()), written);
-}
-
-uint32_t COpenPort::StackIoctl(uint32_t code, const BlobRef& input, BlobRef* output) const {
-  if (stack_.Ioctl == nullptr) return SKR_INVALID_HANDLE;
-  BlobRef passed = input;
-  SkBlob* out = nullptr;
-  // A caller without an output slot passes none down: some requests answer that with
-  // SKR_INVALID_SIZE.
-  const uint32_t result = stack_.Ioctl(number_, code, ToSkBlob(passed.Release()), output ? &out : nullptr);
-  if (output != nullptr) *output = BlobRef::Adopt(FromSkBlob(out));
-  return result;
-}
-
-uint32_t COpenPort::StackIoctlDword(uint32_t code, uint32_t value) const {
-  const BlobRef input = BlobRef::Adopt(DwordBlobCreate(value));
-  if (!input) return SKR_OUT_OF_MEMORY;
-  BlobRef dropped;  // a slot of our own: not every stack checks for a missing one
-  return StackIoctl(code, input, &dropped);
-}
 
 // ---- Names ----
 
@@ -156,9 +78,15 @@ void PortTable::DeleteLock() { g_table_lock.reset(); }
 PortRef PortTable::Find(uint32_t number) {
   platform::ScopedLock hold(lookup_lock());
   auto found = map().find(number);
-  if (found == map().end()) return PortRef();
+  if (found == map().end() || found->second->opening_.load(std::memory_order_acquire)) return PortRef();
   found->second->AddRef();
   return PortRef::Adopt(found->second);
+}
+
+bool PortTable::IsPublished(const COpenPort* port) {
+  platform::ScopedLock hold(lookup_lock());
+  auto found = map().find(port->number());
+  return found != map().end() && found->second == port && !port->opening_.load(std::memory_order_acquire);
 }
 
 std::size_t PortTable::Size() {
@@ -169,16 +97,38 @@ std::size_t PortTable::Size() {
 uint32_t PortTable::OpenByName(CSKConnection* connection, const WString& name, uint32_t* number) {
   platform::CriticalSection* table = table_lock();
   if (table == nullptr) return SKR_FAILED;
-  platform::ScopedLock hold(*table);
+  table->Enter();
 
   // Insertions and erasures happen only under the port-table lock, which is held: the map can be
   // read without the lookup lock.
-  for (const auto& entry : map()) {
-    COpenPort* port = entry.second;
-    if (port->name() != name) continue;
-    if (!port->AddMember(connection)) return SKR_INVALID_PARAMETER;
-    *number = port->number();
-    return SKR_SUCCESS;
+  for (;;) {
+    COpenPort* found = nullptr;
+    for (const auto& entry : map()) {
+      if (entry.second->name() == name) {
+        found = entry.second;
+        break;
+      }
+    }
+    if (found == nullptr) break;
+    if (!found->opening_.load(std::memory_order_acquire)) {
+      const bool added = found->AddMember(connection);
+      if (added) *number = found->number();
+      table->Leave();
+      return added ? SKR_SUCCESS : SKR_INVALID_PARAMETER;
+    }
+    if (found->opener_ == platform::CurrentThreadId()) {
+      // A component of this very stack asks for its own port from inside its Open: the port is
+      // not there yet, and waiting for it would wait for ourselves.
+      table->Leave();
+      return SKR_INVALID_HANDLE;
+    }
+    // Another thread is opening this name: wait for it without the lock, then look again (its
+    // open may have failed).
+    found->AddRef();
+    const PortRef opening = PortRef::Adopt(found);
+    table->Leave();
+    found->opened_.Wait(platform::kInfinite);
+    table->Enter();
   }
 
   // The smallest number that is neither in the table nor still being closed: a number whose last
@@ -188,20 +138,36 @@ uint32_t PortTable::OpenByName(CSKConnection* connection, const WString& name, u
   while (map().count(free_number) != 0 || closing().count(free_number) != 0) ++free_number;
 
   COpenPort* port = HeapNew<COpenPort>(free_number);
-  if (port == nullptr) return SKR_OUT_OF_MEMORY;
-  port->AddMember(connection);
-  port->stack_.Event = &PortAccess::EventSink;
-  // The stack may raise events while it opens: the port is not in the table yet, so they find no
-  // port and are dropped.
-  const uint32_t result = OpenStack(free_number, View(name), &port->stack_);
-  if (result != SKR_SUCCESS) {
-    port->Release();
-    return result;
+  if (port == nullptr || !port->AddMember(connection)) {
+    if (port != nullptr) port->Release();
+    table->Leave();
+    return SKR_OUT_OF_MEMORY;
   }
   port->name_ = name;
+  port->stack_.Event = &PortAccess::EventSink;
+  port->opener_ = platform::CurrentThreadId();
+  port->opening_.store(true, std::memory_order_release);
   {
     platform::ScopedLock lookup(lookup_lock());
     map().emplace(free_number, port);  // the table's reference is the one HeapNew made
+  }
+  table->Leave();
+
+  // The stack opens with the number and the name reserved but no lock held, so that a slow device
+  // delays no other port. Lookups skip the port until it is published: events the stack raises
+  // while it opens find no port and are dropped.
+  const uint32_t result = OpenStack(free_number, View(name), &port->stack_);
+
+  platform::ScopedLock hold(*table);
+  {
+    platform::ScopedLock lookup(lookup_lock());
+    if (result != SKR_SUCCESS) map().erase(free_number);
+    port->opening_.store(false, std::memory_order_release);
+  }
+  port->opened_.Set();
+  if (result != SKR_SUCCESS) {
+    port->Release();
+    return result;
   }
   *number = free_number;
   return SKR_SUCCESS;
@@ -210,31 +176,35 @@ uint32_t PortTable::OpenByName(CSKConnection* connection, const WString& name, u
 uint32_t PortTable::Close(CSKConnection* connection, uint32_t number) {
   platform::CriticalSection* table = table_lock();
   if (table == nullptr) return SKR_INVALID_HANDLE;
+  PortRef port = Find(number);
+  if (!port) return SKR_INVALID_HANDLE;
 
-  PortRef port;
-  PortRef table_reference;  // set when this Close takes the port out of the table
-  uint32_t result = SKR_SUCCESS;
+  // Leaving waits for walks of the members, which make no component call; no lock is held.
+  uint32_t result = port->RemoveMember(connection) ? SKR_SUCCESS : SKR_INVALID_HANDLE;
+  PortAccess::Unlock(port.get(), connection);
+
+  bool last = false;
   {
+    // Members join only under the port-table lock, so "none left" cannot change before the port
+    // leaves the table; of two last Closes, the first one here takes it out.
     platform::ScopedLock hold(*table);
-    port = Find(number);
-    if (!port) return SKR_INVALID_HANDLE;
-    if (!port->RemoveMember(connection)) result = SKR_INVALID_HANDLE;
-    // Members are added only under the port-table lock, so "none left" cannot change before the
-    // port leaves the table.
-    if (!port->HasMembers()) {
+    auto entry = map().find(number);
+    if (entry != map().end() && entry->second == port.get() && !port->HasMembers()) {
       platform::ScopedLock lookup(lookup_lock());
-      map().erase(number);
+      map().erase(entry);
       closing().insert(number);
-      table_reference = PortRef::Adopt(port.get());
+      last = true;
     }
   }
+  if (!last) return result;
 
-  PortAccess::Unlock(port.get(), connection);
-  if (table_reference) {
-    if (port->stack().Close != nullptr && number != 0) result = port->stack().Close(number);
-    platform::ScopedLock hold(*table);
-    closing().erase(number);
-  }
+  // The table's reference now belongs to this Close. Calls already inside the stack end before it
+  // is closed; no lock is held meanwhile, so other ports go on.
+  const PortRef table_reference = PortRef::Adopt(port.get());
+  port->WaitForCalls();
+  if (port->stack().Close != nullptr && number != 0) result = port->stack().Close(number);
+  platform::ScopedLock hold(*table);
+  closing().erase(number);
   return result;
 }
 

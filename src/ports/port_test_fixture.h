@@ -6,7 +6,10 @@
 //          SK_EVENT_LOCK_CHANGED)
 //   plain: test_component at the bottom (records its calls in "/testmodule/calls", refuses
 //          SK_PORT_LOCK with SKR_INVALID_PARAMETER, raises any event on 0x7FFF0001)
-// Members (groups in the properties store): loop/dev1, loop/dev2, loop/dev3, plain/dev1, plain/dev2.
+//   mixed: test_component above the loopback (writes can be held or slowed, the stack can call
+//          back into the service; see tests/modules/test_component.c)
+// Members (groups in the properties store): loop/dev1, loop/dev2, loop/dev3, plain/dev1, plain/dev2,
+// mixed/dev1, mixed/dev2.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -31,6 +34,10 @@ namespace orlenda::port_testing {
 constexpr uint32_t kLoopbackData = 0x00070001u;
 constexpr uint32_t kLoopbackSetLockState = 0x7FFF0002u;
 constexpr uint32_t kTestRaiseEvent = 0x7FFF0001u;
+constexpr uint32_t kTestHoldWrites = 0x1FFF0003u;
+constexpr uint32_t kTestEnumerate = 0x1FFF0004u;
+constexpr uint32_t kTestEnumerateOnThread = 0x1FFF0005u;
+constexpr uint32_t kTestHeldWrites = 0x1FFF0006u;
 
 inline bool SetProperty(const WString& path, const WString& value) {
   return CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.SetString(View(path), value); });
@@ -158,11 +165,14 @@ class PortTest : public StoreTest {
       : StoreTest({{u"/components/loopback/filename", ORLENDA_LOOPBACK_MODULE},
                    {u"/components/test_component/filename", ORLENDA_TEST_COMPONENT_MODULE},
                    {u"/stack/loop/loopback/note", u""},
-                   {u"/stack/plain/test_component/note", u""}}) {}
+                   {u"/stack/plain/test_component/note", u""},
+                   {u"/stack/mixed/test_component/note", u""},
+                   {u"/stack/mixed/loopback/note", u""}}) {}
   void SetUp() override {
     StoreTest::SetUp();
     if (HasFatalFailure()) return;
-    for (const char16_t* member : {u"loop/dev1", u"loop/dev2", u"loop/dev3", u"plain/dev1", u"plain/dev2"}) {
+    for (const char16_t* member :
+         {u"loop/dev1", u"loop/dev2", u"loop/dev3", u"plain/dev1", u"plain/dev2", u"mixed/dev1", u"mixed/dev2"}) {
       ASSERT_TRUE(SetProperty(WString(member) + u"/model", u"any"));
     }
     ClearModuleCalls();

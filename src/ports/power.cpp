@@ -17,6 +17,12 @@ bool IsResume(uint32_t event) { return event == 6 || event == 7 || event == 18; 
 // The last power event passed on; read and written under the port-table lock.
 uint32_t g_last_power_event = 0;
 
+// One transition at a time reaches the stacks, in the order they were decided.
+platform::CriticalSection& PowerLock() {
+  static platform::CriticalSection lock;
+  return lock;
+}
+
 }  // namespace
 
 platform::Event& LockStateChangedEvent() {
@@ -25,13 +31,11 @@ platform::Event& LockStateChangedEvent() {
 }
 
 bool PortTable::IsAnyPortLocked() {
-  platform::CriticalSection* table = table_lock();
-  if (table == nullptr) return false;
-  platform::ScopedLock hold(*table);
+  // Read without the port-table lock or any lock-queue lock: a lock request waiting for a slow
+  // device must not hold up the suspend guard, nor the guard every Open.
+  platform::ScopedLock hold(lookup_lock());
   for (const auto& entry : map()) {
-    COpenPort* port = entry.second;
-    platform::ScopedLock queue(port->queue_lock());
-    if (!port->queue().empty() && port->queue().front() != nullptr) return true;
+    if (entry.second->locked()) return true;
   }
   return false;
 }
@@ -43,17 +47,30 @@ void PortTable::PowerTransition(uint32_t event) {
 
   platform::CriticalSection* table = table_lock();
   if (table == nullptr) return;
-  platform::ScopedLock hold(*table);
-  // The event is recorded even with no port open, so that a resume after a suspend that found no
-  // port still reaches the ports opened in between.
-  const bool repeated_resume = resume && IsResume(g_last_power_event);
-  g_last_power_event = event;
-  if (repeated_resume) return;
+  platform::ScopedLock one_at_a_time(PowerLock());
 
-  for (const auto& entry : map()) {
-    COpenPort* port = entry.second;
+  // The ports are chosen, and the suspended flag set, under the port-table lock; their stacks are
+  // told after it is left. Each call is counted before the port is checked to be still in the
+  // table, so a Close that took it out meanwhile either waits for the call or is not called.
+  HeapVector<PortRef> ports;
+  {
+    platform::ScopedLock hold(*table);
+    // The event is recorded even with no port open, so that a resume after a suspend that found no
+    // port still reaches the ports opened in between.
+    const bool repeated_resume = resume && IsResume(g_last_power_event);
+    g_last_power_event = event;
+    if (repeated_resume) return;
+    for (const auto& entry : map()) {
+      PortRef port = Find(entry.first);
+      if (!port) continue;  // still opening
+      if (suspend) port->SetSuspended(true);
+      ports.push_back(std::move(port));
+    }
+  }
+  for (PortRef& port : ports) {
+    CallScope call(port.get());
+    if (!IsPublished(port.get())) continue;
     if (suspend) {
-      port->SetSuspended(true);
       port->StackIoctlDword(SK_POWER_STATE, kPowerSuspends);
     } else {
       port->StackIoctlDword(SK_POWER_STATE, kPowerResumes);

@@ -1,0 +1,271 @@
+// A slow device delays nobody but its own callers, a component may call back into the service from
+// inside its operations and its own threads, and a member told that it holds the lock can write.
+//
+// The slow device is the test module holding every Write until it is let go (30 s at most). What
+// must not wait for it runs under a bound well below that; if it does not finish, the hold is let
+// go and the test fails (and a real deadlock ends the process rather than hanging the run).
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <thread>
+
+#include "ports/port_test_fixture.h"
+
+namespace orlenda {
+namespace {
+
+using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
+
+constexpr auto kBound = std::chrono::seconds(20);
+
+class IsolationTest : public PortTest {
+ protected:
+  void TearDown() override {
+    SetHold(0);
+    for (std::thread& t : background_) t.join();
+    PortTest::TearDown();
+  }
+
+  // Holds the Writes of port `number` in the test module (0 lets them go), straight to the module.
+  static void SetHold(uint32_t number) {
+    CComponent* module = CConfiguration::FindComponent(u"test_component");
+    Blob* output = nullptr;
+    module->Ioctl(0, kTestHoldWrites, DwordBlobCreate(number), &output);
+    BlobRelease(output);
+  }
+
+  // Starts `work` on a thread of its own, joined at the end of the test.
+  void InBackground(std::function<void()> work) { background_.emplace_back(std::move(work)); }
+
+  // Waits until `count` Writes are held in the module.
+  static void AwaitHeldWrites(LocalConnection& member, uint32_t count) {
+    const auto deadline = std::chrono::steady_clock::now() + kBound;
+    for (;;) {
+      BlobRef output;
+      uint32_t held = 0;
+      ASSERT_EQ(member.Ioctl(kTestHeldWrites, BlobRef(), &output), SKR_SUCCESS);
+      ASSERT_TRUE(DwordBlobRead(output.get(), &held));
+      if (held == count) return;
+      ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the write never reached the device";
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+
+  // Runs `work`, which must not wait for the held device: past the bound the hold is let go and
+  // the test fails; past twice the bound the process ends (a deadlock).
+  static void WithoutWaitingForTheDevice(const std::function<void()>& work) {
+    std::atomic<bool> done{false};
+    std::thread worker([&] {
+      work();
+      done = true;
+    });
+    const auto start = std::chrono::steady_clock::now();
+    bool released = false;
+    while (!done) {
+      const auto spent = std::chrono::steady_clock::now() - start;
+      if (!released && spent > kBound) {
+        ADD_FAILURE() << "the requests waited for the held device";
+        SetHold(0);
+        released = true;
+      }
+      if (spent > 2 * kBound) {
+        std::fprintf(stderr, "isolation: requests still waiting after the device was let go: deadlock\n");
+        std::abort();
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    worker.join();
+  }
+
+  // Open, lock, write and close on a port of its own, each succeeding.
+  static void UseAnotherPort(const char16_t* name) {
+    LocalConnection other;
+    EXPECT_EQ(OpenName(other, name), SKR_SUCCESS) << std::string(name, name + 5);
+    EXPECT_EQ(Lock(other), SKR_SUCCESS);
+    EXPECT_EQ(WriteText(other, "other"), SKR_SUCCESS);
+    EXPECT_EQ(Lock(other, 2), SKR_SUCCESS);
+    EXPECT_EQ(other.Close(), SKR_SUCCESS);
+  }
+
+ private:
+  std::vector<std::thread> background_;
+};
+
+TEST_F(IsolationTest, AHeldWriteDelaysNeitherOtherPortsNorOtherMembers) {
+  LocalConnection writer;
+  ASSERT_EQ(OpenName(writer, u"mixed/dev1"), SKR_SUCCESS);
+  ASSERT_EQ(Lock(writer), SKR_SUCCESS);
+  SetHold(writer.port_number());
+  std::atomic<uint32_t> write_result{0xFFFFFFFFu};
+  InBackground([&] { write_result = WriteText(writer, "slow"); });
+  AwaitHeldWrites(writer, 1);
+
+  WithoutWaitingForTheDevice([] {
+    UseAnotherPort(u"loop/dev1");
+    UseAnotherPort(u"mixed/dev2");  // another port of the same slow module
+    LocalConnection member;         // another member of the held port
+    EXPECT_EQ(OpenName(member, u"mixed/dev1"), SKR_SUCCESS);
+    EXPECT_EQ(Lock(member), SKR_LOCK_PENDING);
+    EXPECT_EQ(Lock(member, 2), SKR_SUCCESS);
+    EXPECT_EQ(member.Close(), SKR_SUCCESS);
+  });
+
+  SetHold(0);
+  const auto deadline = std::chrono::steady_clock::now() + kBound;
+  while (write_result == 0xFFFFFFFFu && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_EQ(write_result, SKR_SUCCESS);
+  EXPECT_EQ(writer.Close(), SKR_SUCCESS);
+}
+
+TEST_F(IsolationTest, TheLastCloseWaitsForTheWriteInFlightAndForNothingElse) {
+  LocalConnection writer;
+  ASSERT_EQ(OpenName(writer, u"mixed/dev1"), SKR_SUCCESS);
+  ASSERT_EQ(Lock(writer), SKR_SUCCESS);
+  SetHold(writer.port_number());
+  std::atomic<uint32_t> write_result{0xFFFFFFFFu};
+  std::atomic<uint32_t> close_result{0xFFFFFFFFu};
+  InBackground([&] { write_result = WriteText(writer, "slow"); });
+  AwaitHeldWrites(writer, 1);
+  InBackground([&] { close_result = writer.Close(); });
+  // The Close takes the port out of the table before it waits for the write.
+  const auto out_of_table = std::chrono::steady_clock::now() + kBound;
+  while (PortTable::Size() != 0 && std::chrono::steady_clock::now() < out_of_table) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  ASSERT_EQ(PortTable::Size(), 0u);
+
+  WithoutWaitingForTheDevice([] {
+    UseAnotherPort(u"loop/dev1");
+    // The closing port's name opens anew, on a number of its own.
+    LocalConnection again;
+    EXPECT_EQ(OpenName(again, u"mixed/dev1"), SKR_SUCCESS);
+    EXPECT_NE(again.port_number(), 1u);
+    EXPECT_EQ(again.Close(), SKR_SUCCESS);
+  });
+  EXPECT_EQ(close_result, 0xFFFFFFFFu);  // still waiting for the write
+
+  SetHold(0);
+  const auto deadline = std::chrono::steady_clock::now() + kBound;
+  while (close_result == 0xFFFFFFFFu && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_EQ(write_result, SKR_SUCCESS);
+  // The module answers a Close that overlaps one of its Writes with SKR_FAILED.
+  EXPECT_EQ(close_result, SKR_SUCCESS);
+}
+
+TEST_F(IsolationTest, AComponentMayEnumerateItsOwnPortFromInsideAndFromItsThread) {
+  ASSERT_TRUE(SetNumberProperty(u"/EnumeratePort", 1));
+  struct Case {
+    uint32_t code;
+    bool outer_holds_lock;
+    std::u16string calls;  // what the module saw: the request, then the enumeration's own
+  };
+  const std::u16string request = u"test_component:ioctl:1;";
+  const Case cases[] = {
+      // Lock granted to the enumeration, then its value: loopback refuses that, so the answer is 0.
+      {kTestEnumerate, false, request + request + request},
+      {kTestEnumerateOnThread, false, request + request + request},
+      // The lock is held by the caller: the enumeration's lock request waits, and it gives up.
+      {kTestEnumerate, true, request},
+      {kTestEnumerateOnThread, true, request},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::Message() << std::hex << c.code << " locked " << c.outer_holds_lock);
+    LocalConnection outer;
+    ASSERT_EQ(OpenName(outer, u"mixed/dev1"), SKR_SUCCESS);
+    if (c.outer_holds_lock) {
+      ASSERT_EQ(Lock(outer), SKR_SUCCESS);
+    }
+    ClearModuleCalls();
+    BlobRef answer;
+    WithoutWaitingForTheDevice(
+        [&] { EXPECT_EQ(outer.Ioctl(c.code, Utf16(u"mixed/dev1"), &answer), SKR_SUCCESS); });
+    uint32_t enumerated = 99;
+    EXPECT_TRUE(DwordBlobRead(answer.get(), &enumerated));
+    EXPECT_EQ(enumerated, 0u);
+    EXPECT_EQ(ModuleCalls(), c.calls);
+    EXPECT_EQ(PortTable::Size(), 1u);  // the enumeration's connection is gone again
+    EXPECT_EQ(outer.lock_granted(), c.outer_holds_lock);
+    EXPECT_EQ(outer.Close(), SKR_SUCCESS);
+  }
+}
+
+TEST_F(IsolationTest, ControlsWithoutAnOutputSlotStillGiveTheStackOne) {
+  struct Case {
+    const char16_t* port;
+    uint32_t code;
+    BlobRef input;
+  };
+  const Case cases[] = {
+      {u"loop/dev1", SK_LOCK_STATE, BlobRef()},
+      {u"plain/dev1", kTestHeldWrites, BlobRef()},
+      {u"mixed/dev1", SK_LOCK_STATE, BlobRef()},
+      {u"mixed/dev1", kTestHeldWrites, BlobRef()},
+  };
+  for (const Case& c : cases) {
+    LocalConnection connection;
+    ASSERT_EQ(OpenName(connection, c.port), SKR_SUCCESS);
+    EXPECT_EQ(connection.Ioctl(c.code, c.input, nullptr), SKR_SUCCESS) << std::hex << c.code;
+    EXPECT_EQ(connection.Close(), SKR_SUCCESS);
+  }
+}
+
+// A member that writes the moment it is told it holds the lock, from inside the notice itself.
+class EagerWriter : public LocalConnection {
+ public:
+  void PushEvent(uint32_t event, BlobRef data) override {
+    uint32_t value = 0;
+    if (event == SK_EVENT_LOCK && DwordBlobRead(data.get(), &value) && value == 1) {
+      ++told;
+      if (WriteText(*this, "now") == SKR_SUCCESS) ++written;
+    }
+  }
+  std::atomic<int> told{0};
+  std::atomic<int> written{0};
+};
+
+TEST_F(IsolationTest, AMemberToldItHoldsTheLockCanWriteAtOnce) {
+  constexpr int kRounds = 64;
+  LocalConnection holder, keyed_holder;
+  EagerWriter eager, keyed;
+  ASSERT_EQ(OpenName(holder, u"loop/dev1"), SKR_SUCCESS);
+  ASSERT_EQ(OpenName(keyed_holder, u"loop/dev1?key=a"), SKR_SUCCESS);
+  ASSERT_EQ(OpenName(eager, u"loop/dev1"), SKR_SUCCESS);
+  ASSERT_EQ(OpenName(keyed, u"loop/dev1?key=k"), SKR_SUCCESS);
+  eager.RegisterCallback(SK_EVENT_LOCK);
+  keyed.RegisterCallback(SK_EVENT_LOCK);
+  for (int round = 0; round < kRounds; ++round) {
+    if (round % 2 == 0) {
+      // Hand-over: queued behind the holder, told when the holder lets go.
+      ASSERT_EQ(Lock(holder), SKR_SUCCESS);
+      ASSERT_EQ(Lock(eager), SKR_LOCK_PENDING);
+      ASSERT_EQ(Lock(holder, 2), SKR_SUCCESS);
+    } else {
+      // A keyed lock granted beside a holder of another key, then admission on a free port.
+      ASSERT_EQ(Lock(keyed_holder), SKR_SUCCESS);
+      ASSERT_EQ(Lock(keyed), SKR_SUCCESS);
+      ASSERT_EQ(Lock(keyed, 2), SKR_SUCCESS);
+      ASSERT_EQ(Lock(keyed_holder, 2), SKR_SUCCESS);
+      ASSERT_EQ(Lock(eager), SKR_SUCCESS);
+    }
+    ASSERT_EQ(Lock(eager, 2), SKR_SUCCESS);
+  }
+  EXPECT_EQ(eager.told, kRounds);
+  EXPECT_EQ(eager.written, kRounds);
+  EXPECT_EQ(keyed.told, kRounds / 2);
+  EXPECT_EQ(keyed.written, kRounds / 2);
+  for (LocalConnection* c : {&holder, &keyed_holder, static_cast<LocalConnection*>(&eager),
+                             static_cast<LocalConnection*>(&keyed)}) {
+    EXPECT_EQ(c->Close(), SKR_SUCCESS);
+  }
+}
+
+}  // namespace
+}  // namespace orlenda
