@@ -65,16 +65,17 @@ void CPropertyHandler::StartEmpty() {
 
 bool CPropertyHandler::Save() {
   if (path_.empty()) return true;
-  if (keep_unusable_file_) {
-    // The file that could not be read goes aside before the first save writes over its name.
-    WString bad = path_ + u".bad";
-    platform::ReplaceFileWith(path_.c_str(), bad.c_str());
-    keep_unusable_file_ = false;
-  }
+  // The file that could not be read goes aside before the first save writes over its name, and
+  // back again when that save fails: a failed save leaves the disk as it was.
+  const WString bad = path_ + u".bad";
+  const bool set_aside =
+      keep_unusable_file_ && platform::ReplaceFileWith(path_.c_str(), bad.c_str()) == 0;
   if (!document_.SaveFile(path_)) {
+    if (set_aside) platform::ReplaceFileWith(bad.c_str(), path_.c_str());
     Log(0, u"-- CPropertyHandler::Save(%s) <%s>", path_, document_.GetReport());
     return false;
   }
+  keep_unusable_file_ = false;
   return true;
 }
 

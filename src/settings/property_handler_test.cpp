@@ -227,6 +227,12 @@ TEST_F(PropertyStoreTest, UnusableFileStaysUntilTheFirstChangeThenIsKeptAsBad) {
   EXPECT_FALSE(store.GetString(u"anything", &value));
   EXPECT_EQ(ReadBytes(path), broken);  // untouched before any change
   EXPECT_FALSE(std::filesystem::exists(FsPath(path + u".bad")));
+  // A save that fails (its temporary file cannot be written) leaves the unusable file in place.
+  std::filesystem::create_directory(FsPath(path + u".tmp"));
+  EXPECT_FALSE(store.SetString(u"k", u"v"));
+  EXPECT_EQ(ReadBytes(path), broken);
+  EXPECT_FALSE(std::filesystem::exists(FsPath(path + u".bad")));
+  std::filesystem::remove(FsPath(path + u".tmp"));
 
   ASSERT_TRUE(store.SetString(u"k", u"v"));
   EXPECT_EQ(ReadBytes(path + u".bad"), broken);
