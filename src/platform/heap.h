@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <new>
 
 namespace orlenda::platform {
 
@@ -11,5 +12,20 @@ void* HeapAllocZero(std::size_t bytes);
 
 // Frees a block from HeapAllocZero. nullptr is ignored.
 void HeapFreeBlock(void* block);
+
+// One object of the platform bodies on the process heap, default-constructed; nullptr when the
+// heap is short. DeleteHeapObject destroys and frees it and ignores nullptr.
+template <class T>
+T* NewHeapObject() {
+  void* memory = HeapAllocZero(sizeof(T));
+  return memory == nullptr ? nullptr : new (memory) T();
+}
+
+template <class T>
+void DeleteHeapObject(T* object) {
+  if (object == nullptr) return;
+  object->~T();
+  HeapFreeBlock(object);
+}
 
 }  // namespace orlenda::platform

@@ -125,10 +125,12 @@ TEST_F(PipeReadLoopTest, ReadsEveryWriterInOrderAndAtShutdownWhatTheyHadSent) {
   PipeStream writers[4];
   for (PipeStream& w : writers) Open(&w);
   ASSERT_TRUE(WaitForWriters(4, false));
+  // One message far longer than the loop's buffer: it arrives in pieces, whole and in place.
+  const std::string long_message(300000, 'x');
   for (int round = 1; round <= 3; ++round) {
     for (int i = 0; i < 4; ++i) {
       if (round == 3 && i == 0) continue;
-      Send(&writers[i], std::string(1, char('A' + i)) + std::to_string(round));
+      Send(&writers[i], std::string(1, char('A' + i)) + std::to_string(round) + (round == 2 && i == 3 ? long_message : ""));
     }
     if (round == 2) writers[0].Close();  // hangs up in the middle: its end arrives on its own
   }
@@ -136,7 +138,7 @@ TEST_F(PipeReadLoopTest, ReadsEveryWriterInOrderAndAtShutdownWhatTheyHadSent) {
   loop_.Shutdown();
   runner_.join();
 
-  EXPECT_EQ(recorder_.streams(), (std::vector<std::string>{"A1A2", "B1B2B3", "C1C2C3", "D1D2D3"}));
+  EXPECT_EQ(recorder_.streams(), (std::vector<std::string>{"A1A2", "B1B2B3", "C1C2C3", "D1D2" + long_message + "D3"}));
   for (const Recorder::Writer& w : recorder_.writers()) EXPECT_EQ(w.disconnects, 1) << w.bytes;
   EXPECT_GE(recorder_.ticks.load(), 1);
   // The loop has let go of the writers: what they write now fails instead of vanishing.

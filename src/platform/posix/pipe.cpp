@@ -4,7 +4,6 @@
 #include "platform/pipe.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -107,33 +106,20 @@ uint32_t WaitForPipe(const char16_t* name, uint32_t timeout_ms) {
   }
 }
 
-struct PipeListener::Impl {
-  UnixListenSocket socket;
-  int wake_fd = -1;
-  std::atomic<bool> shut_down{false};
-
-  ~Impl() {
-    if (wake_fd >= 0) close(wake_fd);
-  }
-};
+struct PipeListener::Impl : UnixListener {};
 
 PipeListener::~PipeListener() {
-  if (impl_ == nullptr) return;
-  impl_->~Impl();
-  HeapFreeBlock(impl_);
+  DeleteHeapObject(impl_);
   impl_ = nullptr;
 }
 
 uint32_t PipeListener::Listen(const char16_t* name, PipeMode /*mode*/) {
   if (impl_ != nullptr) return kErrorInvalidParameter;  // one pipe per listener
-  void* memory = HeapAllocZero(sizeof(Impl));
-  if (memory == nullptr) return kErrorNotEnoughMemory;
-  Impl* impl = new (memory) Impl();
-  impl->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  uint32_t error = impl->wake_fd < 0 ? LastErrno() : impl->socket.Open(name);
+  Impl* impl = NewHeapObject<Impl>();
+  if (impl == nullptr) return kErrorNotEnoughMemory;
+  const uint32_t error = impl->Open(name);
   if (error != kErrorSuccess) {
-    impl->~Impl();
-    HeapFreeBlock(impl);
+    DeleteHeapObject(impl);
     return error;
   }
   impl_ = impl;
@@ -143,24 +129,24 @@ uint32_t PipeListener::Listen(const char16_t* name, PipeMode /*mode*/) {
 uint32_t PipeListener::Accept(PipeStream* client) {
   if (impl_ == nullptr) return kErrorInvalidHandle;
   for (;;) {
-    if (impl_->shut_down.load(std::memory_order_acquire)) {
+    if (impl_->shut_down()) {
       // Clients that connected before the shutdown are still handed out, one per call, so that
       // what they sent is not lost; then the listener is done.
-      int fd = accept4(impl_->socket.fd(), nullptr, nullptr, SOCK_CLOEXEC);
+      int fd = accept4(impl_->socket().fd(), nullptr, nullptr, SOCK_CLOEXEC);
       if (fd < 0) return kErrorOperationAborted;
       client->Close();
       client->handle_ = fd;
       client->server_side_ = true;
       return kErrorSuccess;
     }
-    pollfd fds[2] = {{impl_->socket.fd(), POLLIN, 0}, {impl_->wake_fd, POLLIN, 0}};
+    pollfd fds[2] = {{impl_->socket().fd(), POLLIN, 0}, {impl_->wake_fd(), POLLIN, 0}};
     int ready = poll(fds, 2, -1);
     if (ready < 0) {
       if (errno == EINTR) continue;
       return LastErrno();
     }
     if (fds[1].revents != 0) continue;  // Shutdown: the flag is already set
-    int fd = accept4(impl_->socket.fd(), nullptr, nullptr, SOCK_CLOEXEC);
+    int fd = accept4(impl_->socket().fd(), nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) {
       // The listening socket is non-blocking: a client that gave up between poll and accept leaves
       // nothing to take, and the wait starts over.
@@ -177,14 +163,7 @@ uint32_t PipeListener::Accept(PipeStream* client) {
 }
 
 void PipeListener::Shutdown() {
-  if (impl_ == nullptr) return;
-  // The name goes first, so that new clients find no pipe rather than a listener that is leaving.
-  impl_->socket.RemoveFile();
-  impl_->shut_down.store(true, std::memory_order_release);
-  uint64_t one = 1;
-  // Never read back: the eventfd stays readable, so every later poll returns at once too.
-  ssize_t ignored = write(impl_->wake_fd, &one, sizeof(one));
-  (void)ignored;
+  if (impl_ != nullptr) impl_->Shutdown();
 }
 
 }  // namespace orlenda::platform

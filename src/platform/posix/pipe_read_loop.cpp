@@ -3,11 +3,9 @@
 #include "platform/pipe_read_loop.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <new>
 #include <vector>
@@ -31,21 +29,18 @@ struct Writer {
 }  // namespace
 
 struct PipeReadLoop::Impl {
-  UnixListenSocket socket;
-  int wake_fd = -1;
-  std::atomic<bool> shut_down{false};
+  UnixListener listener;
   std::vector<Writer> writers;
   std::vector<uint8_t> buffer;
 
   ~Impl() {
     for (const Writer& w : writers) close(w.fd);
-    if (wake_fd >= 0) close(wake_fd);
   }
 
   // Takes every writer waiting in the backlog.
   void AcceptAll(Handler* handler) {
     for (;;) {
-      const int fd = accept4(socket.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+      const int fd = accept4(listener.socket().fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
       if (fd < 0) {
         if (errno == EINTR || errno == ECONNABORTED) continue;
         return;  // EAGAIN: nobody else waits; anything else is retried at the next poll
@@ -89,29 +84,24 @@ struct PipeReadLoop::Impl {
       }
       Drop(handler, writers.size() - 1);
     }
-    socket.Close();
+    listener.socket().Close();
     handler->OnTick();
   }
 };
 
 PipeReadLoop::~PipeReadLoop() {
-  if (impl_ == nullptr) return;
-  impl_->~Impl();
-  HeapFreeBlock(impl_);
+  DeleteHeapObject(impl_);
   impl_ = nullptr;
 }
 
 uint32_t PipeReadLoop::Listen(const char16_t* name, PipeMode /*mode*/) {
   if (impl_ != nullptr) return kErrorInvalidParameter;  // one pipe per loop
-  void* memory = HeapAllocZero(sizeof(Impl));
-  if (memory == nullptr) return kErrorNotEnoughMemory;
-  Impl* impl = new (memory) Impl();
+  Impl* impl = NewHeapObject<Impl>();
+  if (impl == nullptr) return kErrorNotEnoughMemory;
   impl->buffer.resize(kReadBytes);
-  impl->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  const uint32_t error = impl->wake_fd < 0 ? LastErrno() : impl->socket.Open(name);
+  const uint32_t error = impl->listener.Open(name);
   if (error != kErrorSuccess) {
-    impl->~Impl();
-    HeapFreeBlock(impl);
+    DeleteHeapObject(impl);
     return error;
   }
   impl_ = impl;
@@ -124,10 +114,10 @@ uint32_t PipeReadLoop::Run(Handler* handler, uint32_t tick_ms) {
   std::vector<pollfd> fds;
   uint32_t last_tick = TickCountMs();
   uint32_t error = kErrorSuccess;
-  while (!loop.shut_down.load(std::memory_order_acquire)) {
+  while (!loop.listener.shut_down()) {
     fds.clear();
-    fds.push_back({loop.wake_fd, POLLIN, 0});
-    fds.push_back({loop.socket.fd(), POLLIN, 0});
+    fds.push_back({loop.listener.wake_fd(), POLLIN, 0});
+    fds.push_back({loop.listener.socket().fd(), POLLIN, 0});
     for (const Writer& w : loop.writers) fds.push_back({w.fd, POLLIN, 0});
     const uint32_t since_tick = TickCountMs() - last_tick;
     const int timeout = since_tick >= tick_ms ? 0 : static_cast<int>(tick_ms - since_tick);
@@ -153,14 +143,7 @@ uint32_t PipeReadLoop::Run(Handler* handler, uint32_t tick_ms) {
 }
 
 void PipeReadLoop::Shutdown() {
-  if (impl_ == nullptr) return;
-  // The name goes first, so that new writers find no pipe rather than a loop that is leaving.
-  impl_->socket.RemoveFile();
-  impl_->shut_down.store(true, std::memory_order_release);
-  uint64_t one = 1;
-  // Never read back: the eventfd stays readable, so every later poll returns at once too.
-  const ssize_t ignored = write(impl_->wake_fd, &one, sizeof(one));
-  (void)ignored;
+  if (impl_ != nullptr) impl_->listener.Shutdown();
 }
 
 }  // namespace orlenda::platform

@@ -1,12 +1,16 @@
 // The listening side of a pipe on POSIX: a non-blocking Unix stream socket bound to
-// "<run dir>/<name>", mode 0666. Shared by PipeListener and PipeReadLoop.
+// "<run dir>/<name>", mode 0666, and an eventfd that Shutdown makes readable for good, so that a
+// poll waiting on both wakes, and every later one returns at once. Shared by PipeListener and
+// PipeReadLoop.
 #pragma once
 
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -92,6 +96,40 @@ class UnixListenSocket {
   sockaddr_un address_{};
   dev_t device_ = 0;
   ino_t inode_ = 0;
+};
+
+class UnixListener {
+ public:
+  UnixListener() = default;
+  ~UnixListener() {
+    if (wake_fd_ >= 0) close(wake_fd_);
+  }
+  UnixListener(const UnixListener&) = delete;
+  UnixListener& operator=(const UnixListener&) = delete;
+
+  uint32_t Open(const char16_t* name) {
+    wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return wake_fd_ < 0 ? LastErrno() : socket_.Open(name);
+  }
+
+  // The name goes first, so that new clients find no pipe rather than a listener that is leaving.
+  void Shutdown() {
+    socket_.RemoveFile();
+    shut_down_.store(true, std::memory_order_release);
+    uint64_t one = 1;
+    // Never read back: the eventfd stays readable.
+    const ssize_t ignored = write(wake_fd_, &one, sizeof(one));
+    (void)ignored;
+  }
+
+  bool shut_down() const { return shut_down_.load(std::memory_order_acquire); }
+  int wake_fd() const { return wake_fd_; }
+  UnixListenSocket& socket() { return socket_; }
+
+ private:
+  UnixListenSocket socket_;
+  int wake_fd_ = -1;
+  std::atomic<bool> shut_down_{false};
 };
 
 }  // namespace orlenda::platform

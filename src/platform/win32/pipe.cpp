@@ -9,7 +9,7 @@
 #include "platform/errors.h"
 #include "platform/heap.h"
 #include "platform/sync.h"
-#include "platform/win32/pipe_name.h"
+#include "platform/win32/pipe_server.h"
 #include "platform/win32/windows.h"
 
 namespace orlenda::platform {
@@ -139,38 +139,19 @@ uint32_t WaitForPipe(const char16_t* name, uint32_t timeout_ms) {
   }
 }
 
-struct PipeListener::Impl {
-  wchar_t name[kMaxPipeName] = {};
-  DWORD pipe_mode = 0;
-  HANDLE next = INVALID_HANDLE_VALUE;  // the free instance the next client connects to
-  HANDLE connected = nullptr;          // the overlapped ConnectNamedPipe's event
-  HANDLE shutdown = nullptr;           // manual reset: set once, for good
-
-  ~Impl() {
-    if (next != INVALID_HANDLE_VALUE) CloseHandle(next);
-    if (connected != nullptr) CloseHandle(connected);
-    if (shutdown != nullptr) CloseHandle(shutdown);
-  }
-
-  DWORD CreateInstance() {
-    next = CreateNamedPipeW(name, PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED,
-                            pipe_mode | PIPE_WAIT, PIPE_UNLIMITED_INSTANCES, kBufferBytes,
-                            kBufferBytes, 0, nullptr);
-    return next == INVALID_HANDLE_VALUE ? GetLastError() : ERROR_SUCCESS;
-  }
-
+struct PipeListener::Impl : PipeServer {
   // Waits until a client is connected to `next`. 0, kErrorOperationAborted or the error.
   DWORD WaitForClient() {
     OVERLAPPED ov{};
-    ov.hEvent = connected;
-    ResetEvent(connected);
+    ov.hEvent = connected();
+    ResetEvent(ov.hEvent);
     if (ConnectNamedPipe(next, &ov)) return ERROR_SUCCESS;
     DWORD error = GetLastError();
     // Already connected between CreateNamedPipeW and here; or connected and gone again, which the
     // stream reports as end of stream after any data the client left.
     if (error == ERROR_PIPE_CONNECTED || error == ERROR_NO_DATA) return ERROR_SUCCESS;
     if (error != ERROR_IO_PENDING) return error;
-    HANDLE events[] = {connected, shutdown};
+    HANDLE events[] = {connected(), shutdown()};
     DWORD which = WaitForMultipleObjects(2, events, FALSE, INFINITE);
     DWORD ignored = 0;
     if (which != WAIT_OBJECT_0) {
@@ -190,41 +171,20 @@ struct PipeListener::Impl {
 };
 
 PipeListener::~PipeListener() {
-  if (impl_ == nullptr) return;
-  impl_->~Impl();
-  HeapFreeBlock(impl_);
+  DeleteHeapObject(impl_);
   impl_ = nullptr;
 }
 
 uint32_t PipeListener::Listen(const char16_t* name, PipeMode mode) {
   if (impl_ != nullptr) return kErrorInvalidParameter;  // one pipe per listener
-  void* memory = HeapAllocZero(sizeof(Impl));
-  if (memory == nullptr) return kErrorNotEnoughMemory;
-  Impl* impl = new (memory) Impl();
-  DWORD error = ERROR_SUCCESS;
-  if (!FullPipeName(name, impl->name)) error = kErrorInvalidParameter;
-  impl->pipe_mode = mode == PipeMode::kMessage ? PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE
-                                               : PIPE_TYPE_BYTE | PIPE_READMODE_BYTE;
-  if (error == ERROR_SUCCESS) {
-    impl->connected = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    impl->shutdown = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    if (impl->connected == nullptr || impl->shutdown == nullptr) error = GetLastError();
-  }
-  if (error == ERROR_SUCCESS) error = impl->CreateInstance();
-  if (error != ERROR_SUCCESS) {
-    impl->~Impl();
-    HeapFreeBlock(impl);
-    return error;
-  }
-  impl_ = impl;
-  return kErrorSuccess;
+  return NewServerBody(name, mode, kBufferBytes, &impl_);
 }
 
 uint32_t PipeListener::Accept(PipeStream* client) {
   if (impl_ == nullptr) return kErrorInvalidHandle;
   // After Shutdown, a client already connected to the free instance is still handed out, so that
   // what it sent is not lost; the wait below sees the shutdown only when none is.
-  const bool stopping = WaitForSingleObject(impl_->shutdown, 0) == WAIT_OBJECT_0;
+  const bool stopping = WaitForSingleObject(impl_->shutdown(), 0) == WAIT_OBJECT_0;
   // A failed instance creation after the previous Accept is retried here.
   if (impl_->next == INVALID_HANDLE_VALUE) {
     if (stopping) return kErrorOperationAborted;
@@ -243,7 +203,7 @@ uint32_t PipeListener::Accept(PipeStream* client) {
 }
 
 void PipeListener::Shutdown() {
-  if (impl_ != nullptr) SetEvent(impl_->shutdown);
+  if (impl_ != nullptr) SetEvent(impl_->shutdown());
 }
 
 }  // namespace orlenda::platform

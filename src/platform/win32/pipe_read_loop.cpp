@@ -9,7 +9,7 @@
 
 #include "platform/errors.h"
 #include "platform/heap.h"
-#include "platform/win32/pipe_name.h"
+#include "platform/win32/pipe_server.h"
 #include "platform/win32/windows.h"
 
 namespace orlenda::platform {
@@ -23,7 +23,7 @@ constexpr DWORD kDrainMs = 1000;
 
 }  // namespace
 
-struct PipeReadLoop::Impl {
+struct PipeReadLoop::Impl : PipeServer {
   struct Client {
     OVERLAPPED ov;  // first: the completion routine finds its client from it
     Impl* loop;
@@ -35,27 +35,10 @@ struct PipeReadLoop::Impl {
     uint8_t buffer[kBufferBytes];
   };
 
-  wchar_t name[kMaxPipeName] = {};
-  DWORD pipe_mode = 0;
-  HANDLE next = INVALID_HANDLE_VALUE;  // the free instance the next writer connects to
-  HANDLE connected = nullptr;          // the overlapped ConnectNamedPipe's event
-  HANDLE shutdown = nullptr;           // manual reset: set once, for good
   OVERLAPPED connect_ov{};
   bool connect_pending = false;
   Handler* handler = nullptr;
   std::vector<Client*> clients;
-
-  ~Impl() {
-    if (next != INVALID_HANDLE_VALUE) CloseHandle(next);
-    if (connected != nullptr) CloseHandle(connected);
-    if (shutdown != nullptr) CloseHandle(shutdown);
-  }
-
-  DWORD CreateInstance() {
-    next = CreateNamedPipeW(name, PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED, pipe_mode | PIPE_WAIT,
-                            PIPE_UNLIMITED_INSTANCES, kBufferBytes, kBufferBytes, 0, nullptr);
-    return next == INVALID_HANDLE_VALUE ? GetLastError() : ERROR_SUCCESS;
-  }
 
   // Waits for writers on free instances, taking at once those already connected.
   DWORD StartConnect() {
@@ -65,8 +48,8 @@ struct PipeReadLoop::Impl {
         if (error != ERROR_SUCCESS) return error;
       }
       connect_ov = OVERLAPPED{};
-      connect_ov.hEvent = connected;
-      ResetEvent(connected);
+      connect_ov.hEvent = connected();
+      ResetEvent(connect_ov.hEvent);
       DWORD error = ConnectNamedPipe(next, &connect_ov) ? ERROR_SUCCESS : GetLastError();
       if (error == ERROR_IO_PENDING) {
         connect_pending = true;
@@ -100,15 +83,14 @@ struct PipeReadLoop::Impl {
   void Adopt() {
     HANDLE pipe = next;
     next = INVALID_HANDLE_VALUE;
-    void* memory = HeapAllocZero(sizeof(Client));
-    void* context = memory == nullptr ? nullptr : handler->OnConnect();
+    Client* client = NewHeapObject<Client>();
+    void* context = client == nullptr ? nullptr : handler->OnConnect();
     if (context == nullptr) {
-      HeapFreeBlock(memory);
+      DeleteHeapObject(client);
       DisconnectNamedPipe(pipe);
       CloseHandle(pipe);
       return;
     }
-    Client* client = new (memory) Client();
     client->loop = this;
     client->pipe = pipe;
     client->context = context;
@@ -119,7 +101,10 @@ struct PipeReadLoop::Impl {
   static void StartRead(Client* client) {
     client->ov = OVERLAPPED{};
     client->reading = true;
-    if (!ReadFileEx(client->pipe, client->buffer, kBufferBytes, &client->ov, &ReadDone)) {
+    // A message longer than the buffer is a success that Windows reports through GetLastError
+    // and Wine through a failed call with ERROR_MORE_DATA; either way the routine comes.
+    if (!ReadFileEx(client->pipe, client->buffer, kBufferBytes, &client->ov, &ReadDone) &&
+        GetLastError() != ERROR_MORE_DATA) {
       client->reading = false;
       End(client);
     }
@@ -150,8 +135,7 @@ struct PipeReadLoop::Impl {
     std::size_t kept = 0;
     for (Client* client : clients) {
       if (client->ended && !client->reading) {
-        client->~Client();
-        HeapFreeBlock(client);
+        DeleteHeapObject(client);
       } else {
         clients[kept++] = client;
       }
@@ -193,34 +177,13 @@ struct PipeReadLoop::Impl {
 };
 
 PipeReadLoop::~PipeReadLoop() {
-  if (impl_ == nullptr) return;
-  impl_->~Impl();
-  HeapFreeBlock(impl_);
+  DeleteHeapObject(impl_);
   impl_ = nullptr;
 }
 
 uint32_t PipeReadLoop::Listen(const char16_t* name, PipeMode mode) {
   if (impl_ != nullptr) return kErrorInvalidParameter;  // one pipe per loop
-  void* memory = HeapAllocZero(sizeof(Impl));
-  if (memory == nullptr) return kErrorNotEnoughMemory;
-  Impl* impl = new (memory) Impl();
-  DWORD error = FullPipeName(name, impl->name) ? ERROR_SUCCESS : kErrorInvalidParameter;
-  impl->pipe_mode = mode == PipeMode::kMessage ? PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE
-                                               : PIPE_TYPE_BYTE | PIPE_READMODE_BYTE;
-  if (error == ERROR_SUCCESS) {
-    impl->connected = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    impl->shutdown = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    if (impl->connected == nullptr || impl->shutdown == nullptr) error = GetLastError();
-  }
-  // The first instance now, so that the pipe exists as soon as Listen returns.
-  if (error == ERROR_SUCCESS) error = impl->CreateInstance();
-  if (error != ERROR_SUCCESS) {
-    impl->~Impl();
-    HeapFreeBlock(impl);
-    return error;
-  }
-  impl_ = impl;
-  return kErrorSuccess;
+  return NewServerBody(name, mode, kBufferBytes, &impl_);
 }
 
 uint32_t PipeReadLoop::Run(Handler* handler, uint32_t tick_ms) {
@@ -230,12 +193,12 @@ uint32_t PipeReadLoop::Run(Handler* handler, uint32_t tick_ms) {
   DWORD error = ERROR_SUCCESS;
   DWORD last_tick = GetTickCount();
   for (;;) {
-    if (WaitForSingleObject(loop.shutdown, 0) == WAIT_OBJECT_0) break;
+    if (WaitForSingleObject(loop.shutdown(), 0) == WAIT_OBJECT_0) break;
     // Also a retry, once a tick, after a free instance could not be made.
     if (!loop.connect_pending) loop.StartConnect();
     const DWORD since_tick = GetTickCount() - last_tick;
     const DWORD timeout = since_tick >= tick_ms ? 0 : tick_ms - since_tick;
-    HANDLE events[2] = {loop.shutdown, loop.connected};
+    HANDLE events[2] = {loop.shutdown(), loop.connected()};
     const DWORD which = WaitForMultipleObjectsEx(loop.connect_pending ? 2 : 1, events, FALSE, timeout, TRUE);
     if (which == WAIT_OBJECT_0 + 1) {
       loop.ConnectDone(/*wait=*/false);
@@ -254,7 +217,7 @@ uint32_t PipeReadLoop::Run(Handler* handler, uint32_t tick_ms) {
 }
 
 void PipeReadLoop::Shutdown() {
-  if (impl_ != nullptr) SetEvent(impl_->shutdown);
+  if (impl_ != nullptr) SetEvent(impl_->shutdown());
 }
 
 }  // namespace orlenda::platform
