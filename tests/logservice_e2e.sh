@@ -12,7 +12,7 @@ cleanup() {
   rm -rf "$work"
 }
 trap cleanup EXIT
-fail() { echo "FAIL: $*"; echo "--- service output"; cat "$work/out.txt" 2>/dev/null; echo "--- log file"; cat "$logdir/OrlendaLog.log" 2>/dev/null; exit 1; }
+fail() { echo "FAIL: $*"; echo "--- service output (end)"; tail -n 40 "$work/out.txt" 2>/dev/null; echo "--- log file (end)"; tail -n 40 "$logdir/OrlendaLog.log" 2>/dev/null; exit 1; }
 
 # Runs a program of the build under test, in the foreground or (with &) as its own process.
 run() { "${launcher[@]}" "$@"; }
@@ -41,7 +41,7 @@ late_pid=$!
 sleep 1
 
 # 3. The service starts; the late writer gets through and reports what it lost.
-"${launcher[@]}" "$orlendalog" -max-size 1000000 >"$work/out.txt" 2>&1 &
+"${launcher[@]}" "$orlendalog" -max-size 100000000 >"$work/out.txt" 2>&1 &
 service_pid=$!
 for _ in $(seq 1 300); do grep -q "orlendalog: started" "$work/out.txt" 2>/dev/null && break; sleep 0.1; done
 grep -q "orlendalog: started" "$work/out.txt" || fail "the log service did not start"
@@ -49,6 +49,9 @@ wait "$late_pid" || fail "the late writer never got through: $(cat "$work/late.t
 
 # 4. Records with data, from another process.
 run "$logsend" -count 5 -data 00ff7f "record %d" >/dev/null || fail "records were not sent"
+
+# 4b. Records still queued when the writer's process exits are delivered on its way out, in order.
+run "$logsend" -count 20000 -exit-now "exit %d" >/dev/null || fail "the exiting writer failed"
 
 # 5. A second log service refuses to start while the first runs.
 run "$orlendalog" >"$work/second.txt" 2>&1 && fail "a second log service started"
@@ -64,6 +67,9 @@ for n in 1 2 3 4 5; do
   grep -Eq " L4 record $n \[3 bytes: 00 ff 7f\]$" "$file" || fail "record $n missing"
 done
 [ "$(grep -c ' record [0-9]' "$file")" -eq 5 ] || fail "records doubled"
+for _ in $(seq 1 100); do grep -q " L4 exit 20000$" "$file" && break; sleep 0.1; done
+[ "$(sed -n 's/.* L4 exit \([0-9]*\)$/\1/p' "$file" | tr '\n' ' ')" = "$(seq -s ' ' 1 20000) " ] \
+  || fail "records queued at exit were lost or reordered: $(grep -c ' L4 exit ' "$file") of 20000 arrived"
 if [ "$runner" = native ]; then
   grep -q " L4 record 5 \[3 bytes: 00 ff 7f\]" "$work/out.txt" || fail "records not shown on the console"
 fi

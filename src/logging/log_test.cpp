@@ -3,15 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <mutex>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "logging/log_client.h"
 #include "logging/log_record.h"
-#include "platform/errors.h"
-#include "platform/pipe.h"
-#include "platform/presence.h"
 #include "platform/thread.h"
 #include "support/isolated_dirs.h"
 #include "support/log_capture.h"
@@ -20,157 +18,213 @@ namespace orlenda {
 namespace {
 
 using testing::Bytes;
-using TestReceiver = testing::LogReceiver;
+using testing::LogReceiver;
 
-std::u16string TextOf(const Bytes& record) {
-  if (record.size() < logging::kRecordHeaderSize) return u"<no header>";
-  const logging::RecordHeader h = logging::DecodeRecordHeader(record.data());
-  std::u16string text;
-  if (record.size() < logging::kRecordHeaderSize + 2ull * h.text_length) return u"<record too short>";
-  for (uint32_t i = 0; i < h.text_length; ++i) {
-    const std::size_t at = logging::kRecordHeaderSize + 2 * i;
-    text.push_back(static_cast<char16_t>(record[at] | (record[at + 1] << 8)));
-  }
+std::vector<std::u16string> Texts(const std::vector<Bytes>& records) {
+  std::vector<std::u16string> texts;
+  for (const Bytes& r : records) texts.push_back(testing::DecodeLine(r).text);
+  return texts;
+}
+
+std::u16string Numbered(const char16_t* prefix, uint32_t n) {
+  char16_t text[kLogBufferChars];
+  FormatLog(text, u"%s%d", prefix, n);
   return text;
+}
+
+// The texts `prefix` first..last, in order.
+std::vector<std::u16string> Sequence(const char16_t* prefix, uint32_t first, uint32_t last) {
+  std::vector<std::u16string> texts;
+  for (uint32_t n = first; n <= last; ++n) texts.push_back(Numbered(prefix, n));
+  return texts;
 }
 
 class LogClientTest : public ::testing::Test {
  protected:
   void SetUp() override {
     testing::UseIsolatedDirs();
-    // Start every test with no loss on record.
+    // Start every test with no loss on record (a receiver that stops takes what was traced).
     while (LostMessageCount() != 0) {
-      TestReceiver flush;
-      flush.HoldPresence();
-      flush.Listen();
+      LogReceiver flush;
+      flush.Start();
       Log(4, u"flush");
-      flush.Stop();
     }
   }
 };
 
-TEST_F(LogClientTest, RecordCarriesHeaderTextAndDataAsLaidOut) {
-  TestReceiver receiver;
-  receiver.HoldPresence();
-  receiver.Listen();
-
-  const uint8_t data[] = {0x00, 0xff, 0x7f};
+TEST_F(LogClientTest, RecordsArriveWithTheCallersIdsAndTheirLayout) {
+  LogReceiver receiver;
+  receiver.Start();
+  const uint8_t three[] = {0x00, 0xff, 0x7f};
+  const uint8_t five[] = {1, 2, 3, 4, 5};
+  const std::u16string long_text(3000, u'x');
   const uint64_t before = platform::FileTimeNow();
-  ASSERT_TRUE(LogDataFormat(4, data, sizeof data, u"port %d <%08x>", 7, 0x80010000u));
+  ASSERT_TRUE(LogDataFormat(4, three, sizeof three, u"port %d <%08x>", 7, 0x80010000u));
+  ASSERT_TRUE(LogData(2, five, sizeof five));
+  ASSERT_TRUE(Log(4, u"<%s>", long_text.c_str()));
   const uint64_t after = platform::FileTimeNow();
 
-  const std::vector<Bytes> records = receiver.WaitFor(1);
-  ASSERT_EQ(records.size(), 1u);
-  const Bytes& r = records[0];
-  const std::u16string expected_text = u"port 7 <80010000>";
-  ASSERT_EQ(r.size(), 32 + expected_text.size() * 2 + sizeof data);
-
-  const logging::RecordHeader h = logging::DecodeRecordHeader(r.data());
-  // Within a second of the moment it was sent (100 ns units).
-  EXPECT_GE(h.time + 10000000ull, before);
-  EXPECT_LE(h.time, after + 10000000ull);
-  EXPECT_EQ(h.process_id, platform::CurrentProcessId());
-  EXPECT_EQ(h.thread_id, platform::CurrentThreadId());
-  EXPECT_EQ(h.kind, 0u);
-  EXPECT_EQ(h.level, 4u);
-  EXPECT_EQ(h.text_length, expected_text.size());
-  EXPECT_EQ(h.data_length, sizeof data);
-  // Little-endian on the wire: the level's low byte first.
-  EXPECT_EQ(r[20], 4);
-  EXPECT_EQ(r[21], 0);
-  EXPECT_EQ(TextOf(r), expected_text);
-  EXPECT_EQ(Bytes(r.end() - 3, r.end()), Bytes(data, data + 3));
-}
-
-TEST_F(LogClientTest, EmptyTextPutsDataDirectlyAfterHeader) {
-  TestReceiver receiver;
-  receiver.HoldPresence();
-  receiver.Listen();
-
-  const uint8_t data[] = {1, 2, 3, 4, 5};
-  ASSERT_TRUE(LogData(2, data, sizeof data));
-  const std::vector<Bytes> records = receiver.WaitFor(1);
-  ASSERT_EQ(records.size(), 1u);
-  ASSERT_EQ(records[0].size(), 32u + sizeof data);
-  const logging::RecordHeader h = logging::DecodeRecordHeader(records[0].data());
-  EXPECT_EQ(h.text_length, 0u);
-  EXPECT_EQ(h.data_length, 5u);
-  EXPECT_EQ(h.level, 2u);
-  EXPECT_EQ(Bytes(records[0].begin() + 32, records[0].end()), Bytes(data, data + 5));
-}
-
-TEST_F(LogClientTest, LongTextArrivesCutToTheFormatterBuffer) {
-  TestReceiver receiver;
-  receiver.HoldPresence();
-  receiver.Listen();
-
-  const std::u16string long_text(3000, u'x');
-  ASSERT_TRUE(Log(4, u"<%s>", long_text.c_str()));
-  const std::vector<Bytes> records = receiver.WaitFor(1);
-  ASSERT_EQ(records.size(), 1u);
-  const logging::RecordHeader h = logging::DecodeRecordHeader(records[0].data());
-  EXPECT_EQ(h.text_length, 1023u);
-  EXPECT_EQ(records[0].size(), 32u + 1023 * 2);
-  const std::u16string text = TextOf(records[0]);
-  EXPECT_EQ(text.front(), u'<');
-  EXPECT_EQ(text.substr(1), std::u16string(1022, u'x'));
-}
-
-TEST_F(LogClientTest, LostRecordsAreCountedAndReportedOnceAfterTheNextSuccess) {
-  ASSERT_FALSE(IsLogServiceRunning());
-  for (uint32_t i = 1; i <= 3; ++i) {
-    EXPECT_FALSE(Log(4, u"lost %d", i));
-    EXPECT_EQ(LostMessageCount(), i);
+  const struct {
+    uint32_t level;
+    std::u16string text;
+    Bytes data;
+  } expected[] = {
+      {4, u"port 7 <80010000>", Bytes(three, three + 3)},
+      {2, u"", Bytes(five, five + 5)},  // no text: the data follows the header directly
+      {4, u"<" + std::u16string(1022, u'x'), {}},  // cut to the formatter's 1023 units
+  };
+  const std::vector<Bytes> records = receiver.WaitFor(3);
+  ASSERT_EQ(records.size(), 3u);
+  for (std::size_t i = 0; i < 3; ++i) {
+    SCOPED_TRACE(i);
+    const Bytes& r = records[i];
+    ASSERT_EQ(r.size(), 32 + expected[i].text.size() * 2 + expected[i].data.size());
+    const logging::RecordHeader h = logging::DecodeRecordHeader(r.data());
+    EXPECT_GE(h.time, before);
+    EXPECT_LE(h.time, after);
+    EXPECT_EQ(h.process_id, platform::CurrentProcessId());
+    EXPECT_EQ(h.thread_id, platform::CurrentThreadId());
+    EXPECT_EQ(h.kind, 0u);
+    EXPECT_EQ(h.level, expected[i].level);
+    EXPECT_EQ(r[20], expected[i].level);  // little-endian on the wire: the low byte first
+    EXPECT_EQ(h.text_length, expected[i].text.size());
+    EXPECT_EQ(h.data_length, expected[i].data.size());
+    EXPECT_EQ(testing::DecodeLine(r).text, expected[i].text);
+    EXPECT_EQ(Bytes(r.end() - expected[i].data.size(), r.end()), expected[i].data);
   }
-  EXPECT_FALSE(LogData(4, "x", 1));
-  EXPECT_EQ(LostMessageCount(), 4u);
+}
 
-  TestReceiver receiver;
-  receiver.HoldPresence();
+TEST_F(LogClientTest, TimeIsTakenAtTheCallNotWhenTheServiceTakesTheRecord) {
+  LogReceiver receiver;
+  receiver.HoldPresence();  // present, but no pipe yet: the sender waits for it
+  uint32_t thread_id = 0;
+  uint64_t before = 0;
+  uint64_t after = 0;
+  std::thread tracer([&] {
+    thread_id = platform::CurrentThreadId();
+    before = platform::FileTimeNow();
+    EXPECT_TRUE(Log(4, u"early"));
+    after = platform::FileTimeNow();
+  });
+  tracer.join();
+  platform::SleepMs(300);
   receiver.Listen();
-  ASSERT_TRUE(IsLogServiceRunning());
-  ASSERT_TRUE(Log(4, u"back"));
+  const std::vector<Bytes> records = receiver.WaitFor(1);
+  ASSERT_EQ(records.size(), 1u);
+  const logging::RecordHeader h = logging::DecodeRecordHeader(records[0].data());
+  EXPECT_EQ(testing::DecodeLine(records[0]).text, u"early");
+  EXPECT_GE(h.time, before);
+  EXPECT_LE(h.time, after);  // 300 ms before the pipe existed
+  EXPECT_EQ(h.thread_id, thread_id);
+  EXPECT_EQ(LostMessageCount(), 0u);
+}
 
-  const std::vector<Bytes> records = receiver.WaitFor(2);
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(TextOf(records[0]), u"back");
-  EXPECT_EQ(TextOf(records[1]), u"4 messages lost");
-  EXPECT_EQ(logging::DecodeRecordHeader(records[1].data()).level, 0u);
+TEST_F(LogClientTest, ManyThreadsTracingAtOnceKeepEachThreadsOrder) {
+  constexpr uint32_t kThreads = 8;
+  constexpr uint32_t kEach = 500;
+  LogReceiver receiver;
+  receiver.Start();
+  std::vector<std::thread> tracers;
+  std::vector<uint32_t> ids(kThreads);
+  std::atomic<bool> go{false};
+  for (uint32_t t = 0; t < kThreads; ++t) {
+    tracers.emplace_back([&, t] {
+      ids[t] = platform::CurrentThreadId();
+      while (!go.load()) std::this_thread::yield();
+      for (uint32_t n = 1; n <= kEach; ++n) Log(4, u"t%d n%d", t, n);
+    });
+  }
+  go = true;
+  for (std::thread& t : tracers) t.join();
+  ASSERT_TRUE(FlushLog(10000));
+
+  std::map<uint32_t, std::vector<std::u16string>> by_thread;
+  for (const Bytes& r : receiver.WaitFor(kThreads * kEach)) {
+    by_thread[logging::DecodeRecordHeader(r.data()).thread_id].push_back(testing::DecodeLine(r).text);
+  }
+  ASSERT_EQ(by_thread.size(), kThreads);
+  for (uint32_t t = 0; t < kThreads; ++t) {
+    SCOPED_TRACE(t);
+    const std::u16string prefix = Numbered(u"t", t) + u" n";
+    EXPECT_EQ(by_thread[ids[t]], Sequence(prefix.c_str(), 1, kEach));
+  }
+  EXPECT_EQ(LostMessageCount(), 0u);
+}
+
+// A burst much faster than any service: with room for all of it nothing is lost; with a small
+// queue, what does not fit is dropped, and every drop is counted and reported, never silent.
+TEST_F(LogClientTest, BurstLosesOnlyWhatItCountsAndReports) {
+  constexpr uint32_t kBurst = 100000;
+  const struct {
+    std::size_t queue_bytes;
+    bool expect_loss;
+  } cases[] = {{32u << 20, false}, {8u << 10, true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.queue_bytes);
+    LogReceiver receiver;
+    receiver.Start();
+    logging::LogCounters counters;
+    {
+      logging::LogClient client(c.queue_bytes);
+      char16_t text[kLogBufferChars];
+      for (uint32_t n = 1; n <= kBurst; ++n) client.Send(4, text, FormatLog(text, u"burst %d", n), nullptr, 0);
+      // What was dropped last is reported behind the next record that gets through.
+      ASSERT_TRUE(client.Send(4, u"end", 3, nullptr, 0));
+      ASSERT_TRUE(client.Flush(60000));
+      counters = client.counters();
+    }
+    EXPECT_EQ(counters.delivered + counters.lost, kBurst + 1);
+    EXPECT_EQ(counters.lost != 0, c.expect_loss);
+
+    uint64_t reported = 0;
+    uint32_t last = 0;
+    std::size_t burst_records = 0;
+    const std::vector<Bytes> records = receiver.WaitFor(counters.delivered);
+    for (const std::u16string& text : Texts(records)) {
+      uint32_t n = 0;
+      if (text.rfind(u"burst ", 0) == 0) {
+        n = static_cast<uint32_t>(std::stoul(std::string(text.begin() + 6, text.end())));
+        EXPECT_GT(n, last);
+        last = n;
+        ++burst_records;
+      } else if (text != u"end") {
+        reported += std::stoul(std::string(text.begin(), text.end()));  // "N messages lost"
+      }
+    }
+    EXPECT_EQ(burst_records + 1, counters.delivered);
+    EXPECT_EQ(reported, counters.lost);
+  }
+}
+
+TEST_F(LogClientTest, ServiceAbsentThenStoppedMidStreamReportsEachLossOnce) {
+  ASSERT_FALSE(IsLogServiceRunning());
+  for (uint32_t n = 1; n <= 3; ++n) EXPECT_TRUE(Log(4, u"nobody %d", n));  // queued, then dropped
+  EXPECT_EQ(LostMessageCount(), 3u);
+
+  LogReceiver first;
+  first.Start();
+  for (uint32_t n = 1; n <= 50; ++n) Log(4, u"record %d", n);
+  ASSERT_TRUE(FlushLog(5000));
+  first.Stop(/*deliver_queued=*/false);
+  for (uint32_t n = 51; n <= 80; ++n) Log(4, u"record %d", n);
+  EXPECT_EQ(LostMessageCount(), 30u);
+
+  LogReceiver second;
+  second.Start();
+  for (uint32_t n = 81; n <= 100; ++n) Log(4, u"record %d", n);
+  ASSERT_TRUE(FlushLog(5000));
   EXPECT_EQ(LostMessageCount(), 0u);
 
-  // The count was reported once: the next record comes alone.
-  ASSERT_TRUE(Log(4, u"again"));
-  const std::vector<Bytes> more = receiver.WaitFor(3);
-  ASSERT_EQ(more.size(), 3u);
-  EXPECT_EQ(TextOf(more[2]), u"again");
-}
-
-TEST_F(LogClientTest, WaitsForThePipeWhileTheServiceIsPresent) {
-  TestReceiver receiver;
-  receiver.HoldPresence();
-  std::atomic<bool> sent{false};
-  std::thread writer([&] { sent = Log(4, u"patient"); });
-  // The service is present but has no pipe yet: the writer keeps waiting instead of dropping.
-  platform::SleepMs(300);
-  EXPECT_FALSE(sent.load());
-  receiver.Listen();
-  writer.join();
-  EXPECT_TRUE(sent.load());
-  const std::vector<Bytes> records = receiver.WaitFor(1);
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(TextOf(records[0]), u"patient");
-}
-
-TEST_F(LogClientTest, GivesUpWhenTheServiceGoesAwayWhileWaiting) {
-  TestReceiver receiver;
-  receiver.HoldPresence();
-  std::atomic<int> result{-1};
-  std::thread writer([&] { result = Log(4, u"never") ? 1 : 0; });
-  platform::SleepMs(250);
-  receiver.ReleasePresence();
-  writer.join();
-  EXPECT_EQ(result.load(), 0);
-  EXPECT_EQ(LostMessageCount(), 1u);
+  // Each report follows the first record that got through after the loss, at level 0.
+  std::vector<std::u16string> expected = Sequence(u"record ", 1, 50);
+  expected.insert(expected.begin() + 1, u"3 messages lost");
+  EXPECT_EQ(Texts(first.Records()), expected);
+  expected = Sequence(u"record ", 81, 100);
+  expected.insert(expected.begin() + 1, u"30 messages lost");
+  const std::vector<Bytes> records = second.WaitFor(expected.size());
+  EXPECT_EQ(Texts(records), expected);
+  ASSERT_GE(records.size(), 2u);
+  EXPECT_EQ(logging::DecodeRecordHeader(records[1].data()).level, 0u);
 }
 
 }  // namespace

@@ -21,24 +21,51 @@ LogLine DecodeLine(const Bytes& record) {
   return line;
 }
 
+// Cuts each writer's stream into records by the lengths in their headers.
+class LogReceiver::Reader : public platform::PipeReadLoop::Handler {
+ public:
+  explicit Reader(LogReceiver* owner) : owner_(owner) {}
+
+  void* OnConnect() override { return new Bytes(); }
+  void OnBytes(void* writer, const uint8_t* bytes, std::size_t size) override {
+    Bytes& pending = *static_cast<Bytes*>(writer);
+    pending.insert(pending.end(), bytes, bytes + size);
+    std::size_t at = 0;
+    while (pending.size() - at >= logging::kRecordHeaderSize) {
+      const logging::RecordHeader h = logging::DecodeRecordHeader(pending.data() + at);
+      const std::size_t total = logging::kRecordHeaderSize + 2ull * h.text_length + h.data_length;
+      if (pending.size() - at < total) break;
+      std::lock_guard<std::mutex> lock(owner_->mutex_);
+      owner_->records_.emplace_back(pending.begin() + at, pending.begin() + at + total);
+      at += total;
+    }
+    pending.erase(pending.begin(), pending.begin() + at);
+  }
+  // A record cut short is kept as it is, for the test to see.
+  void OnDisconnect(void* writer) override {
+    Bytes* pending = static_cast<Bytes*>(writer);
+    if (!pending->empty()) {
+      std::lock_guard<std::mutex> lock(owner_->mutex_);
+      owner_->records_.push_back(*pending);
+    }
+    delete pending;
+  }
+  void OnTick() override {}
+
+ private:
+  LogReceiver* owner_;
+};
+
+LogReceiver::LogReceiver() = default;
+LogReceiver::~LogReceiver() { Stop(); }
+
 void LogReceiver::HoldPresence() { ASSERT_EQ(presence_.Acquire(logging::kLogServiceEventName), 0u); }
 
 void LogReceiver::Listen() {
-  ASSERT_EQ(listener_.Listen(logging::kLogServicePipeName, platform::PipeMode::kMessage), 0u);
-  acceptor_ = std::thread([this] {
-    platform::PipeStream stream;
-    while (listener_.Accept(&stream) == platform::kErrorSuccess) {
-      Bytes bytes;
-      uint8_t chunk[512];
-      uint32_t got = 0;
-      while (stream.Read(chunk, sizeof chunk, &got) == platform::kErrorSuccess && got > 0) {
-        bytes.insert(bytes.end(), chunk, chunk + got);
-      }
-      stream.Close();
-      std::lock_guard<std::mutex> lock(mutex_);
-      records_.push_back(std::move(bytes));
-    }
-  });
+  loop_ = std::make_unique<platform::PipeReadLoop>();
+  reader_ = std::make_unique<Reader>(this);
+  ASSERT_EQ(loop_->Listen(logging::kLogServicePipeName, platform::PipeMode::kMessage), 0u);
+  thread_ = std::thread([this] { loop_->Run(reader_.get(), 50); });
 }
 
 void LogReceiver::Start() {
@@ -46,9 +73,13 @@ void LogReceiver::Start() {
   Listen();
 }
 
-void LogReceiver::Stop() {
-  listener_.Shutdown();
-  if (acceptor_.joinable()) acceptor_.join();
+void LogReceiver::Stop(bool deliver_queued) {
+  if (thread_.joinable()) {
+    if (deliver_queued) FlushLog(5000);
+    loop_->Shutdown();
+    thread_.join();
+  }
+  loop_.reset();
   presence_.Release();
 }
 
@@ -69,21 +100,38 @@ std::vector<Bytes> LogReceiver::Records() {
   return records_;
 }
 
+namespace {
+
+constexpr char16_t kCaptureStart[] = u"capture start";
+
+bool IsLossReport(const std::u16string& text) {
+  const std::u16string lost = u" messages lost";
+  return text.size() > lost.size() && text.compare(text.size() - lost.size(), lost.size(), lost) == 0;
+}
+
+}  // namespace
+
+LogCapture::LogCapture() {
+  receiver_.Start();
+  Log(4, kCaptureStart);
+}
+
 std::vector<LogLine> LogCapture::Lines() {
   const std::u16string marker = u"capture marker " + std::u16string(1, char16_t(u'A' + markers_++ % 26));
   Log(4, marker.c_str());
   for (int i = 0; i < 1000; ++i) {
     if (i > 0) platform::SleepMs(10);
-    const std::vector<Bytes> records = receiver_.Records();
     std::vector<LogLine> lines;
-    for (const Bytes& record : records) {
+    bool started = false;
+    for (const Bytes& record : receiver_.Records()) {
       LogLine line = DecodeLine(record);
       if (line.text == marker) return lines;
+      if (!started) {
+        started = line.text == kCaptureStart;
+        continue;
+      }
       const bool earlier_marker = line.text.rfind(u"capture marker ", 0) == 0;
-      const std::u16string lost = u" messages lost";
-      const bool loss = line.text.size() > lost.size() &&
-                        line.text.compare(line.text.size() - lost.size(), lost.size(), lost) == 0;
-      if (!earlier_marker && !loss) lines.push_back(std::move(line));
+      if (!earlier_marker && !IsLossReport(line.text)) lines.push_back(std::move(line));
     }
   }
   ADD_FAILURE() << "the capture marker never arrived";

@@ -1,18 +1,20 @@
 // Test support: stand-ins for the log service, living in the test process.
 //
-// LogReceiver holds the presence object and the pipe when asked to, and keeps the raw bytes of
-// every connection. LogCapture is a receiver that decodes the records into lines and can tell which
-// lines the process has sent so far.
+// LogReceiver holds the presence object and the pipe when asked to, and keeps the bytes of every
+// record that arrives, one entry per record, in the order each writer sent them. LogCapture is a
+// receiver that decodes the records into lines and can tell which lines the process has traced
+// since it began.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "platform/pipe.h"
+#include "platform/pipe_read_loop.h"
 #include "platform/presence.h"
 
 namespace orlenda::testing {
@@ -29,7 +31,8 @@ LogLine DecodeLine(const Bytes& record);
 
 class LogReceiver {
  public:
-  ~LogReceiver() { Stop(); }
+  LogReceiver();
+  ~LogReceiver();
 
   // Presence and pipe separately, so tests can show a service that is present without its pipe.
   void HoldPresence();
@@ -37,28 +40,33 @@ class LogReceiver {
   void Listen();
   // HoldPresence and Listen.
   void Start();
-  void Stop();
+  // Stops listening and lets go of the presence. First, unless `deliver_queued` is false, waits
+  // (bounded) until what this process traced so far has arrived, as a service stopping in order
+  // would have read it.
+  void Stop(bool deliver_queued = true);
 
-  // Waits (bounded) until `count` connections were read completely; returns all there are.
+  // Waits (bounded) until `count` records have arrived; returns all there are.
   std::vector<Bytes> WaitFor(std::size_t count);
   // What has arrived so far.
   std::vector<Bytes> Records();
 
  private:
+  class Reader;
   platform::PresenceObject presence_;
-  platform::PipeListener listener_;
-  std::thread acceptor_;
+  std::unique_ptr<platform::PipeReadLoop> loop_;
+  std::unique_ptr<Reader> reader_;
+  std::thread thread_;
   std::mutex mutex_;
   std::vector<Bytes> records_;
 };
 
 class LogCapture {
  public:
-  LogCapture() { receiver_.Start(); }
+  LogCapture();
 
-  // Every line sent since the capture began, in order, without the loss report of lines sent
-  // before it. Records arrive one connection after the other, so once a marker sent now has
-  // arrived, so has everything before it.
+  // Every line traced since the capture began, in order, without loss reports. Records of this
+  // process arrive in the order they were traced, so once a marker traced now has arrived, so has
+  // everything before it; lines before the capture's own start marker are left out.
   std::vector<LogLine> Lines();
 
  private:

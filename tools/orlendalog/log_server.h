@@ -1,49 +1,43 @@
-// The log service's listener: accepts any number of writers on the log pipe at once and reads each
-// on a thread of its own into a RecordReader that reports to one shared sink.
+// The log service's listener: one thread reads every writer on the log pipe, however many there
+// are and however many records each sends over its connection, into a RecordReader per writer
+// that reports to one shared sink. The sink is flushed every kFlushIntervalMs and when the server
+// stops.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 
-#include "common/heap.h"
-#include "platform/pipe.h"
-#include "platform/sync.h"
+#include "platform/pipe_read_loop.h"
 #include "platform/thread.h"
 #include "record_reader.h"
 
 namespace orlenda::logservice {
 
-class LogServer {
+class LogServer : private platform::PipeReadLoop::Handler {
  public:
-  // `sink` must be safe to call from several threads and outlive the server.
+  static constexpr uint32_t kFlushIntervalMs = 100;
+
+  // `sink` is called from the server's thread only; it must outlive the server.
   explicit LogServer(RecordSink* sink) : sink_(sink) {}
-  ~LogServer() { Stop(); }
+  ~LogServer() override { Stop(); }
   LogServer(const LogServer&) = delete;
   LogServer& operator=(const LogServer&) = delete;
 
-  // Creates the pipe and starts accepting. Returns 0 or the system error.
+  // Creates the pipe and starts reading. Returns 0 or the system error.
   uint32_t Start();
-  // Stops accepting new writers. Writers being read go on.
-  void StopAccepting();
-  // Stops accepting and waits until every writer already accepted has been read to its end.
+  // Takes no new writers, reads what the writers had sent by now, hands it to the sink, flushes
+  // the sink and returns. The writers' connections are closed.
   void Stop();
 
-  // Writers accepted so far.
-  uint64_t accepted() const { return accepted_.load(); }
-
  private:
-  struct Connection;
-  static void AcceptLoop(void* self);
-  static void ReadConnection(void* connection);
-  // Joins and frees the readers that have finished; with `all`, waits for every reader.
-  void Reap(bool all);
+  void* OnConnect() override;
+  void OnBytes(void* writer, const uint8_t* bytes, std::size_t size) override;
+  void OnDisconnect(void* writer) override;
+  void OnTick() override;
+  static void RunLoop(void* self);
 
   RecordSink* sink_;
-  platform::PipeListener listener_;
-  platform::Thread acceptor_;
-  platform::CriticalSection connections_lock_;
-  HeapVector<Connection*> connections_;
-  std::atomic<uint64_t> accepted_{0};
+  platform::PipeReadLoop loop_;
+  platform::Thread thread_;
 };
 
 }  // namespace orlenda::logservice

@@ -14,18 +14,22 @@ void LogWriter::OnMalformed(const char* notice) { Write(FormatNoticeLine(platfor
 
 void LogWriter::Write(const HeapString& line) {
   platform::ScopedLock hold(lock_);
-  if (console_ != nullptr) {
-    std::fwrite(line.data(), 1, line.size(), console_);
-    std::fflush(console_);
-  }
-  if (file_ == nullptr) return;
-  const bool ok = file_->Append(std::string_view(line.data(), line.size()));
+  if (console_ != nullptr) std::fwrite(line.data(), 1, line.size(), console_);
+  if (file_ != nullptr) NoteFileState(file_->Append(std::string_view(line.data(), line.size())));
+}
+
+void LogWriter::Flush() {
+  platform::ScopedLock hold(lock_);
+  if (file_ != nullptr) NoteFileState(file_->Flush());
+  if (console_ != nullptr) std::fflush(console_);
+}
+
+void LogWriter::NoteFileState(bool ok) {
   // Say so once when the file stops taking lines, and once when it takes them again.
   if (ok == file_failed_ && console_ != nullptr) {
     const HeapString notice = FormatNoticeLine(
         platform::FileTimeNow(), ok ? "the log file is written again" : "cannot write the log file");
     std::fwrite(notice.data(), 1, notice.size(), console_);
-    std::fflush(console_);
   }
   file_failed_ = !ok;
 }

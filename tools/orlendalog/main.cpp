@@ -100,14 +100,16 @@ int Run(int argc, char** argv) {
     return 1;
   }
   writer.Notice(file_ok ? ("started; writing " + file.current().u8string()).c_str() : "started");
+  writer.Flush();
 
   stop.Wait(platform::kInfinite);
 
-  // No new writers from here on; the records already taken are written line by line, and a
-  // writer still sending when the process ends is not waited for.
-  server.StopAccepting();
+  // The presence goes first: a writer whose connection breaks from here on finds the service
+  // gone and counts what it drops. Then what the writers had sent is read and written out.
   presence.Release();
+  server.Stop();
   writer.Notice("stopped");
+  writer.Flush();
   std::fflush(stdout);
   std::_Exit(0);
 }

@@ -1,7 +1,7 @@
 // Splits the byte stream of one writer's connection into log records.
 //
-// A writer normally sends one record and closes; several records in a row are read one after the
-// other. Nothing is allocated ahead of the bytes that arrived: a header that announces megabytes
+// A writer keeps its connection and sends record after record; a record may arrive in pieces,
+// and one piece may hold many records. Nothing is allocated ahead of the bytes that arrived: a header that announces megabytes
 // costs nothing until they come. A record that cannot be read (a short header, lengths beyond what
 // arrived before the end, an absurd length, an unknown kind) is reported once, as a notice, and
 // dropped; after a header that cannot be trusted the rest of that stream is dropped with it.
@@ -24,6 +24,8 @@ class RecordSink {
                         uint32_t data_size) = 0;
   // `notice` is one line of plain text (UTF-8) saying what was dropped and why.
   virtual void OnMalformed(const char* notice) = 0;
+  // Called at a short interval and when the service stops: what the sink holds back goes out.
+  virtual void Flush() {}
 };
 
 class RecordReader {

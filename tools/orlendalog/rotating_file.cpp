@@ -24,6 +24,9 @@ std::filesystem::path RotatingFile::PathOf(int index) const {
 bool RotatingFile::Reopen() {
   out_.close();
   out_.clear();
+  // A buffer of our size rather than the library's small default: fewer, larger writes.
+  if (buffer_ == nullptr) buffer_ = std::make_unique<char[]>(kBufferBytes);
+  out_.rdbuf()->pubsetbuf(buffer_.get(), kBufferBytes);
   out_.open(current(), std::ios::binary | std::ios::app);
   std::error_code ec;
   const auto size = std::filesystem::file_size(current(), ec);
@@ -50,12 +53,21 @@ bool RotatingFile::Append(std::string_view line) {
   if (size_ != 0 && size_ + line.size() > max_bytes_ && !Rotate()) return false;
   if (!out_.is_open() && !Reopen()) return false;
   out_.write(line.data(), static_cast<std::streamsize>(line.size()));
-  out_.flush();
   if (!out_) {
     out_.clear();
     return false;
   }
   size_ += line.size();
+  return true;
+}
+
+bool RotatingFile::Flush() {
+  if (!out_.is_open()) return false;
+  out_.flush();
+  if (!out_) {
+    out_.clear();
+    return false;
+  }
   return true;
 }
 

@@ -37,6 +37,7 @@ TEST(RotatingFile, RotatesAtTheLimitAndKeepsTheNewestLinesWhole) {
     ASSERT_EQ(std::strlen(line), 20u);
     ASSERT_TRUE(file.Append(line));
   }
+  ASSERT_TRUE(file.Flush());
   EXPECT_FALSE(std::filesystem::exists(folder / "Test.3.log"));
   const std::string kept = ReadAll(folder / "Test.2.log") + ReadAll(folder / "Test.1.log") + ReadAll(folder / "Test.log");
   std::string expected;
@@ -61,13 +62,18 @@ TEST(RotatingFile, AppendsToAnExistingFileAndGivesAnOversizedLineAFileOfItsOwn) 
   RotatingFile file;
   ASSERT_TRUE(file.Open(folder, "Test", 50, 1));
   ASSERT_TRUE(file.Append("second\n"));
+  // Lines wait in the buffer until the next flush.
+  EXPECT_EQ(ReadAll(folder / "Test.log"), "first\n");
+  ASSERT_TRUE(file.Flush());
   EXPECT_EQ(ReadAll(folder / "Test.log"), "first\nsecond\n");
 
   const std::string big(80, 'x');
   ASSERT_TRUE(file.Append(big + "\n"));
+  ASSERT_TRUE(file.Flush());
   EXPECT_EQ(ReadAll(folder / "Test.1.log"), "first\nsecond\n");
   EXPECT_EQ(ReadAll(folder / "Test.log"), big + "\n");
   ASSERT_TRUE(file.Append("after\n"));
+  ASSERT_TRUE(file.Flush());
   EXPECT_EQ(ReadAll(folder / "Test.1.log"), big + "\n");
   EXPECT_EQ(ReadAll(folder / "Test.log"), "after\n");
 }
@@ -78,6 +84,7 @@ TEST(RotatingFile, KeepZeroStartsOver) {
   ASSERT_TRUE(file.Open(folder, "Test", 10, 0));
   ASSERT_TRUE(file.Append("12345678\n"));
   ASSERT_TRUE(file.Append("abcdefgh\n"));
+  ASSERT_TRUE(file.Flush());
   EXPECT_EQ(ReadAll(folder / "Test.log"), "abcdefgh\n");
   EXPECT_FALSE(std::filesystem::exists(folder / "Test.1.log"));
 }
