@@ -2,14 +2,20 @@
 //  - load-and-parse throughput of XmlDocument::LoadFile on a generated property file of tens of MB,
 //    beside pugixml's load_file on the same file, and the ratio of the two (best of several runs);
 //  - the cost of one CPropertyHandler::SetString, file write included, on a store of realistic
-//    size (a few hundred properties).
+//    size (a few hundred properties);
+//  - the parse of texts shaped to cost the most per character (stray end tags at depth, deep
+//    nesting, long attribute lists, long runs of entities and of text), in time per MB beside a
+//    property file of the same size, at 1 MB and at 8 MB, so that any growth faster than the
+//    text's length shows as a rising figure.
 //   xml_bench [MEGABYTES]   size of the generated file, 32 MB unless given
+#include <malloc.h>
 #include <pugixml.hpp>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <system_error>
@@ -128,6 +134,110 @@ void CompareLoading(const std::string& folder, std::size_t megabytes) {
   std::remove(path.c_str());
 }
 
+// ---- adversarial shapes ------------------------------------------------------------------------
+
+// `unit` repeated until `bytes` of text, between `head` and `tail`.
+std::string Repeat(const char* head, const char* unit, const char* tail, std::size_t bytes) {
+  std::string out = head;
+  const std::size_t step = std::strlen(unit);
+  while (out.size() + step <= bytes) out += unit;
+  return out + tail;
+}
+
+// `open` repeated, then `close` as often, to `bytes` of text in all.
+std::string Paired(const char* open, const char* close, std::size_t bytes) {
+  const std::size_t count = bytes / (std::strlen(open) + std::strlen(close));
+  std::string out;
+  for (std::size_t i = 0; i < count; ++i) out += open;
+  for (std::size_t i = 0; i < count; ++i) out += close;
+  return out;
+}
+
+std::string AttributeList(std::size_t bytes) {
+  std::string out = "<r";
+  char item[32];
+  for (unsigned i = 0; out.size() < bytes; ++i) {
+    std::snprintf(item, sizeof item, " a%u=\"%u\"", i, i);
+    out += item;
+  }
+  return out + "/>";
+}
+
+struct Shape {
+  const char* name;
+  std::string (*make)(std::size_t bytes);
+  // What a reader does with such a document beyond the parse: read and set attributes.
+  bool read_attributes;
+};
+
+const Shape kShapes[] = {
+    {"property file (well formed)",
+     [](std::size_t bytes) {
+       std::size_t groups = 0;
+       return PropertyFile(bytes, &groups);
+     },
+     false},
+    {"small elements (well formed)",
+     [](std::size_t bytes) { return Repeat("<r>", "<e/>", "</r>", bytes); }, false},
+    {"unmatched end tags at depth",
+     [](std::size_t bytes) { return "<r>" + Paired("<e>", "</x>", bytes) + "</r>"; }, false},
+    {"deep nesting", [](std::size_t bytes) { return Paired("<e>", "</e>", bytes); }, false},
+    {"deep nesting, never closed", [](std::size_t bytes) { return Repeat("", "<e>", "", bytes); },
+     false},
+    {"long attribute list", AttributeList, true},
+    {"entities in a value",
+     [](std::size_t bytes) { return Repeat("<r v=\"", "&amp;&lt;&#65;&#x42;&foo;", "\"/>", bytes); },
+     true},
+    {"entities in text",
+     [](std::size_t bytes) { return Repeat("<r>", "&amp;&lt;&#65;&#x42;&foo;", "</r>", bytes); },
+     false},
+    {"long text", [](std::size_t bytes) { return Repeat("<r>", "text and more ", "</r>", bytes); },
+     false},
+};
+
+// Best of kRuns: parse, and for the attribute shapes read the first attribute, look for a missing
+// one (which walks them all) and add one.
+double TimeShape(const Shape& shape, const WString& text) {
+  double best = 1e30;
+  for (int run = 0; run < kRuns; ++run) {
+    XmlDocument doc;
+    Clock::time_point start = Clock::now();
+    doc.ParseText(View(text));
+    if (shape.read_attributes && doc.FindSibling(u"r")) {
+      const WString first = doc.AttributeNameAt(doc.main_position(), 0);
+      (void)doc.GetAttribute(View(first));
+      (void)doc.GetAttribute(u"missing");
+      (void)doc.SetAttribute(u"added", u"1");
+    }
+    best = std::min(best, Seconds(Clock::now() - start));
+  }
+  return best;
+}
+
+void MeasureShapes() {
+  // Blocks of tens of MB would otherwise be fresh mappings on every run, and first touches of their
+  // pages would be measured rather than the parse: the heap keeps what it once held.
+  mallopt(M_MMAP_THRESHOLD, 1 << 30);
+  mallopt(M_TRIM_THRESHOLD, 1 << 30);
+  constexpr std::size_t kSizes[] = {1, 8};
+  std::printf("parse of adversarial shapes, ms per MB (best of %d), and ratio to the property file:\n",
+              kRuns);
+  std::printf("  %-30s %12s %7s %12s %7s\n", "shape", "1 MB", "ratio", "8 MB", "ratio");
+  double baseline[2] = {0, 0};
+  for (const Shape& shape : kShapes) {
+    std::printf("  %-30s", shape.name);
+    for (std::size_t i = 0; i < 2; ++i) {
+      const std::string bytes = shape.make(kSizes[i] << 20);
+      const WString text = Utf8ToWide(bytes);
+      const double ms_per_mb =
+          TimeShape(shape, text) * 1e3 / (static_cast<double>(bytes.size()) / (1 << 20));
+      if (baseline[i] == 0) baseline[i] = ms_per_mb;
+      std::printf(" %12.2f %7.2f", ms_per_mb, ms_per_mb / baseline[i]);
+    }
+    std::printf("\n");
+  }
+}
+
 void MeasureSetString(const std::string& folder) {
   // The store finds its file below the data folder, which POSIX lets a process point elsewhere.
   setenv("ORLENDA_DATA_DIR", folder.c_str(), 1);
@@ -186,6 +296,7 @@ int main(int argc, char** argv) {
   }
   orlenda::CompareLoading(folder.string(), megabytes);
   orlenda::MeasureSetString(folder.string());
+  orlenda::MeasureShapes();
   fs::remove_all(folder, error);
   return 0;
 }
