@@ -1,5 +1,7 @@
 #include "common/result_codes.h"
 
+#include "skein/devices.h"
+
 namespace orlenda {
 
 const char16_t* ResultName(uint32_t result) {
@@ -10,6 +12,7 @@ const char16_t* ResultName(uint32_t result) {
     return u"" #name;
   switch (result) {
     SKEIN_RESULT_CODES(ORLENDA_RESULT_NAME)
+    SKEIN_DEVICE_RESULT_CODES(ORLENDA_RESULT_NAME)
     default:
       return nullptr;
   }

@@ -8,7 +8,8 @@
 
 namespace orlenda {
 
-// The codes themselves, with their names, are the public list in skein/protocol.h.
+// The codes themselves, with their names, are the public lists in skein/protocol.h and, for the
+// device modules, skein/devices.h.
 
 inline bool Succeeded(uint32_t result) { return (result & 0x80000000u) == 0; }
 
