@@ -81,4 +81,42 @@ SKEIN_EVENTS(SKEIN_DEFINE_CODE)
 static const uint32_t SK_EVENT_PORT_ONLY = 0x10000000u;   /* bit 28 */
 static const uint32_t SK_EVENT_LOCK_ONLY = 0x20000000u;   /* bit 29 */
 
+/* ---- The wire: frames between a client and the service ----
+ * Every message (request, reply, event) starts with a 16-byte header, all integers little-endian:
+ *   offset 0  u32 length of the whole message, header included
+ *   offset 4  u32 code: the request code (a reply repeats it; events carry SK_FRAME_EVENT)
+ *   offset 8  u64 tag: chosen by the client, echoed in the reply; 0 in an event
+ * Request bodies (after the header):
+ *   SK_FRAME_OPEN        the port name, UTF-16LE, ended by a 16-bit 0
+ *   SK_FRAME_CLOSE       nothing
+ *   SK_FRAME_REGISTER    u32 event identifier
+ *   SK_FRAME_UNREGISTER  u32 event identifier
+ *   SK_FRAME_WRITE       the data
+ *   SK_FRAME_IOCTL       u32 control code, then the input data
+ * Replies: the header, then u32 result; a Write reply adds u32 bytes written (24 bytes in all), an
+ * Ioctl reply adds the output data (20 + output size). A request of any other code gets no reply.
+ * Event: the header, u32 event identifier at offset 16, then the event's data.
+ * A header whose length field is 0 (four zero bytes, nothing more) is a keep-alive ping: it is
+ * discarded and never answered. Over TCP both sides send one after a silence (the service after its
+ * ping interval), and a side that hears nothing for its keep-alive time-out drops the connection. */
+#define SKEIN_FRAME_CODES(X)       \
+  X(SK_FRAME_OPEN, 1u)             \
+  X(SK_FRAME_CLOSE, 2u)            \
+  X(SK_FRAME_REGISTER, 3u)         \
+  X(SK_FRAME_UNREGISTER, 4u)       \
+  X(SK_FRAME_WRITE, 5u)            \
+  X(SK_FRAME_IOCTL, 6u)            \
+  X(SK_FRAME_EVENT, 7u)
+SKEIN_FRAME_CODES(SKEIN_DEFINE_CODE)
+
+static const uint32_t SK_FRAME_HEADER_SIZE = 16u;
+static const uint32_t SK_FRAME_REPLY_SIZE = 20u;       /* header and result */
+static const uint32_t SK_FRAME_WRITE_REPLY_SIZE = 24u; /* and the bytes written */
+/* The largest frame the service takes whole; a longer one is answered SKR_TRUNCATED. */
+static const uint32_t SK_FRAME_MAX_SIZE = 16u * 1024u * 1024u;
+/* The local pipe's name (Windows "\\.\pipe\skein"; on POSIX the socket "<run dir>/skein") and
+ * the TCP port the service listens on by default. */
+#define SKEIN_PIPE_NAME "skein"
+static const uint16_t SK_TCP_DEFAULT_PORT = 2291u;
+
 #endif /* SKEIN_PROTOCOL_H */

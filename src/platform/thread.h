@@ -25,6 +25,10 @@ class Thread {
   uintptr_t handle_ = 0;
 };
 
+// Starts `entry(arg)` on a thread that nobody joins: it ends on its own. False when the system
+// refuses.
+bool StartDetachedThread(Thread::Entry entry, void* arg);
+
 void SleepMs(uint32_t ms);
 
 // Milliseconds since an arbitrary start, wrapping at 2^32 like GetTickCount.

@@ -10,7 +10,7 @@
 #include "ports/configuration_requests.h"
 #include "ports/port_numbering.h"
 #include "ports/port_test_fixture.h"
-#include "ports/server_registry.h"
+#include "ports/settings_notice.h"
 
 namespace orlenda {
 namespace {
@@ -403,27 +403,20 @@ TEST_F(ConfigurationPortTest, EnumeratePortDrivesAPortOnlyWhenSwitchedOnAndGiven
   EXPECT_EQ(GetProperty(u"NAVPRT002/PortName"), u"Kitchen");
 }
 
-// ---- SK_CONFIG_APPLY and the server registry ----
+// ---- SK_CONFIG_APPLY and the settings notice ----
 
-struct CountingServer : SKServer {
-  uint32_t ApplySettings() override { return ++applied; }
-  int applied = 0;
-};
+int g_notices = 0;
+void CountNotice() { ++g_notices; }
 
-TEST_F(ConfigurationPortTest, ApplyNotifiesEveryRegisteredServerOnce) {
-  CountingServer first, second;
-  RegisterServer(&first);
-  RegisterServer(&second);
-  RegisterServer(&first);  // once only
+TEST_F(ConfigurationPortTest, ApplyTellsTheSettingsListenerOnce) {
   BlobRef out;
+  g_notices = 0;
+  EXPECT_EQ(Ioctl(SK_CONFIG_APPLY, BlobRef(), &out), SKR_SUCCESS);  // nobody listens
+  SetSettingsListener(&CountNotice);
   EXPECT_EQ(Ioctl(SK_CONFIG_APPLY, BlobRef(), &out), SKR_SUCCESS);
-  UnregisterServer(&second);
+  SetSettingsListener(nullptr);
   EXPECT_EQ(Ioctl(SK_CONFIG_APPLY, BlobRef(), &out), SKR_SUCCESS);
-  UnregisterServer(&first);
-  EXPECT_EQ(Ioctl(SK_CONFIG_APPLY, BlobRef(), &out), SKR_SUCCESS);
-  EXPECT_EQ(first.applied, 2);
-  EXPECT_EQ(second.applied, 1);
-  EXPECT_EQ(RegisteredServerCount(), 0u);
+  EXPECT_EQ(g_notices, 1);
 }
 
 }  // namespace

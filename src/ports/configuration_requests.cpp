@@ -8,7 +8,7 @@
 #include "logging/log.h"
 #include "platform/sync.h"
 #include "ports/port_numbering.h"
-#include "ports/server_registry.h"
+#include "ports/settings_notice.h"
 #include "settings/property_handler.h"
 #include "settings/property_path.h"
 #include "settings/xml_document.h"
@@ -132,7 +132,7 @@ Blob* TextBlob(WStringView text) {
 uint32_t ConfigurationObject::Request(uint32_t code, const BlobRef& input, Blob** output) {
   // Compared in this order on purpose: the codes up to SK_CONFIG_APPLY first, then the rest.
   if (code == SK_CONFIG_APPLY) {
-    NotifyServersOfSettings();
+    NotifySettingsChanged();
     return SKR_SUCCESS;
   }
   if (code == SK_PORT_LOCK) return SKR_SUCCESS;  // the configuration can always be locked

@@ -46,6 +46,10 @@ class CSKConnection {
   // holds the lock).
   void Event(uint32_t event, const BlobRef& data);
 
+  // Whether requests of this connection are still running (a transport's connection says; the
+  // server then lets the connection go off its dispatcher thread).
+  virtual bool HasRequestsRunning() const { return false; }
+
   // 0 when no port is open.
   uint32_t port_number() const { return port_number_.load(std::memory_order_acquire); }
   bool lock_granted() const { return lock_granted_.load(std::memory_order_acquire); }

@@ -31,9 +31,39 @@ void* Trampoline(void* block) {
   return nullptr;
 }
 
+// A detached thread's start: freed by the thread once read.
+struct DetachedStart {
+  Thread::Entry entry;
+  void* arg;
+};
+
+void* DetachedTrampoline(void* block) {
+  auto* start = static_cast<DetachedStart*>(block);
+  const DetachedStart copy = *start;
+  HeapFreeBlock(start);
+  copy.entry(copy.arg);
+  return nullptr;
+}
+
 }  // namespace
 
 Thread::~Thread() { Join(); }
+
+bool StartDetachedThread(Thread::Entry entry, void* arg) {
+  auto* start = static_cast<DetachedStart*>(HeapAllocZero(sizeof(DetachedStart)));
+  if (start == nullptr) return false;
+  *start = DetachedStart{entry, arg};
+  pthread_attr_t attributes;
+  pthread_t thread;
+  bool started = false;
+  if (pthread_attr_init(&attributes) == 0) {
+    started = pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED) == 0 &&
+              pthread_create(&thread, &attributes, DetachedTrampoline, start) == 0;
+    pthread_attr_destroy(&attributes);
+  }
+  if (!started) HeapFreeBlock(start);
+  return started;
+}
 
 bool Thread::Start(Entry entry, void* arg) {
   if (handle_ != 0) return false;

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "platform/heap.h"
+#include "platform/win32/event_handle.h"
 #include "platform/win32/windows.h"
 
 namespace orlenda::platform {
@@ -48,6 +49,8 @@ Event::~Event() {
   impl_->~Impl();
   HeapFreeBlock(impl_);
 }
+
+HANDLE EventHandle(const Event& event) { return event.impl()->handle; }
 
 void Event::Set() { SetEvent(impl_->handle); }
 void Event::Reset() { ResetEvent(impl_->handle); }

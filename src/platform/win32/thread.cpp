@@ -50,6 +50,20 @@ void Thread::Join() {
   handle_ = 0;
 }
 
+bool StartDetachedThread(Thread::Entry entry, void* arg) {
+  void* memory = HeapAllocZero(sizeof(StartBlock));
+  if (memory == nullptr) return false;
+  auto* block = new (memory) StartBlock{entry, arg};
+  HANDLE handle = CreateThread(nullptr, 0, Trampoline, block, 0, nullptr);
+  if (handle == nullptr) {
+    block->~StartBlock();
+    HeapFreeBlock(block);
+    return false;
+  }
+  CloseHandle(handle);
+  return true;
+}
+
 void SleepMs(uint32_t ms) { Sleep(ms); }
 
 uint32_t TickCountMs() { return GetTickCount(); }

@@ -1,9 +1,10 @@
-#include "ports/server_registry.h"
+#include "service/server_registry.h"
 
 #include <algorithm>
 
 #include "common/heap.h"
 #include "platform/sync.h"
+#include "ports/settings_notice.h"
 
 namespace orlenda {
 namespace {
@@ -13,14 +14,18 @@ struct Registry {
   HeapVector<SKServer*> servers;
 };
 
-// Made on first use, so that a registration from any static initialiser finds it ready; never
-// destroyed, so that a server unregistering itself late in shutdown still finds it.
+// Made on first use and never destroyed, so that a late notice still finds it.
 Registry& TheRegistry() {
   static Registry* registry = HeapNew<Registry>();
   return *registry;
 }
 
 }  // namespace
+
+void CreateServerRegistry() {
+  TheRegistry();
+  SetSettingsListener(&NotifyServersOfSettings);
+}
 
 void RegisterServer(SKServer* server) {
   if (server == nullptr) return;
@@ -29,13 +34,15 @@ void RegisterServer(SKServer* server) {
   if (std::find(registry.servers.begin(), registry.servers.end(), server) == registry.servers.end()) {
     registry.servers.push_back(server);
   }
+  server->Start();
 }
 
-void UnregisterServer(SKServer* server) {
+void DestroyAllServers() {
+  SetSettingsListener(nullptr);
   Registry& registry = TheRegistry();
   platform::ScopedLock hold(registry.lock);
-  registry.servers.erase(std::remove(registry.servers.begin(), registry.servers.end(), server),
-                         registry.servers.end());
+  for (SKServer* server : registry.servers) HeapDelete(server);
+  registry.servers.clear();
 }
 
 void NotifyServersOfSettings() {

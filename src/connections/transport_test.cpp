@@ -1,0 +1,217 @@
+// The transports with real sockets: what both do (a lost client's port is closed and its lock
+// passed on, a stop deletes every connection, a client that stops reading gets whole frames or is
+// dropped), and what TCP adds (pings, the keep-alive drop, the 63 clients it reads, its settings at
+// run time). The local pipe is exercised here where it is a socket (POSIX); the Windows pipe is
+// exercised through the client library.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "connections/pipe_server.h"
+#include "connections/tcp_server.h"
+#include "platform/errors.h"
+#include "ports/port_test_fixture.h"
+#include "skein/protocol.h"
+#include "support/wire_client.h"
+
+namespace orlenda {
+namespace {
+
+using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
+using testing::DwordBytes;
+using testing::Frame;
+using testing::IoctlFrame;
+using testing::OpenFrame;
+using testing::RegisterFrame;
+using testing::RequestFrame;
+using testing::WireClient;
+using testing::WriteFrame;
+
+constexpr char16_t kPipe[] = u"skein-test";
+enum class Transport { kTcp, kLocal };
+
+class TransportTest : public PortTest, public ::testing::WithParamInterface<Transport> {
+ protected:
+  void TearDown() override {
+    server_.reset();  // stops and deletes every connection, which closes their ports
+    PortTest::TearDown();
+  }
+
+  // The server of `transport`; TCP with the given timing on a free port.
+  void Serve(Transport transport, uint32_t ping = 500, uint32_t keepalive = 5000) {
+    transport_ = transport;
+    if (transport == Transport::kTcp) {
+      port_ = testing::FreeTcpPort();
+      ASSERT_TRUE(SetNumberProperty(u"/TCP_COMMUNICATION_PORT", port_));
+      ASSERT_TRUE(SetNumberProperty(u"/TCP_PING_INTERVAL", ping));
+      ASSERT_TRUE(SetNumberProperty(u"/TCP_KEEPALIVE_TIMEOUT", keepalive));
+      server_.reset(new TCPServer());
+    } else {
+      server_.reset(new CPipeServer(kPipe));
+    }
+    ASSERT_EQ(server_->Start(), SKR_SUCCESS);
+  }
+
+  std::unique_ptr<WireClient> Connect() {
+    auto client = std::make_unique<WireClient>();
+    uint32_t error = platform::kErrorConnectionRefused;
+    // The local listener appears a moment after the start.
+    for (int attempt = 0; attempt < 200 && error != platform::kErrorSuccess; ++attempt) {
+      error = transport_ == Transport::kTcp ? client->ConnectTcp(port_) : client->ConnectLocal(kPipe);
+      if (error != platform::kErrorSuccess) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(error, platform::kErrorSuccess);
+    return client;
+  }
+
+  // Waits until the server holds `count` connections.
+  void AwaitConnections(std::size_t count) {
+    for (int i = 0; i < 1000 && server_->ConnectionCount() != count; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(server_->ConnectionCount(), count);
+  }
+
+  Transport transport_ = Transport::kTcp;
+  uint16_t port_ = 0;
+  std::unique_ptr<SKServer> server_;
+};
+
+std::vector<Transport> Transports() {
+  std::vector<Transport> all{Transport::kTcp};
+  platform::Socket probe;
+  if (platform::ConnectLocal(u"none", &probe) != platform::kErrorInvalidParameter) all.push_back(Transport::kLocal);
+  return all;
+}
+
+TEST_P(TransportTest, AClientThatGoesAwayClosesItsPortAndPassesTheLockOn) {
+  Serve(GetParam());
+  auto holder = Connect();
+  auto waiter = Connect();
+  ASSERT_EQ(holder->Call(OpenFrame(1, u"loop/dev1")), SKR_SUCCESS);
+  ASSERT_EQ(holder->Call(IoctlFrame(2, SK_PORT_LOCK, DwordBytes(1))), SKR_SUCCESS);
+  ASSERT_EQ(waiter->Call(OpenFrame(1, u"loop/dev1")), SKR_SUCCESS);
+  ASSERT_EQ(waiter->Call(RegisterFrame(2, SK_EVENT_LOCK)), SKR_SUCCESS);
+  ASSERT_EQ(waiter->Call(IoctlFrame(3, SK_PORT_LOCK, DwordBytes(1))), SKR_LOCK_PENDING);
+  holder->Disconnect();
+  Frame event;
+  ASSERT_TRUE(waiter->Next(&event));
+  EXPECT_EQ(event.code, SK_FRAME_EVENT);
+  EXPECT_EQ(event.Word(), SK_EVENT_LOCK);
+  EXPECT_EQ(event.Tail(), DwordBytes(1));
+  AwaitConnections(1);
+}
+
+TEST_P(TransportTest, StoppingTheServerDeletesEveryConnection) {
+  Serve(GetParam());
+  std::vector<std::unique_ptr<WireClient>> clients;
+  for (int i = 0; i < 3; ++i) {
+    clients.push_back(Connect());
+    ASSERT_EQ(clients.back()->Call(OpenFrame(1, i == 2 ? u"loop/dev2" : u"loop/dev1")), SKR_SUCCESS);
+  }
+  server_->Stop();
+  EXPECT_EQ(server_->ConnectionCount(), 0u);
+  EXPECT_EQ(PortTable::Size(), 0u);
+  for (auto& client : clients) EXPECT_TRUE(client->AwaitClosed(5000));
+}
+
+// A member that never reads while writes to its port echo to it: it gets whole frames until it is
+// dropped, and the writer is never held longer than the drop takes.
+TEST_P(TransportTest, AClientThatStopsReadingGetsWholeFramesOrIsDropped) {
+  Serve(GetParam(), 500, 1000);
+  auto sleeper = Connect();
+  auto writer = Connect();
+  ASSERT_EQ(sleeper->Call(OpenFrame(1, u"loop/dev1")), SKR_SUCCESS);
+  ASSERT_EQ(sleeper->Call(RegisterFrame(2, kLoopbackData)), SKR_SUCCESS);
+  ASSERT_EQ(writer->Call(OpenFrame(1, u"loop/dev1")), SKR_SUCCESS);
+  ASSERT_EQ(writer->Call(IoctlFrame(2, SK_PORT_LOCK, DwordBytes(1))), SKR_SUCCESS);
+  const std::string chunk(65536, 'w');
+  for (int i = 0; i < 120; ++i) ASSERT_EQ(writer->Call(WriteFrame(10 + i, chunk)), SKR_SUCCESS) << i;
+  AwaitConnections(1);  // the sleeper was dropped
+  // What reached the sleeper: whole event frames, the last perhaps cut by the drop.
+  int whole = 0;
+  Frame frame;
+  while (sleeper->Next(&frame, 5000)) {
+    ASSERT_EQ(frame.code, SK_FRAME_EVENT);
+    ASSERT_EQ(frame.Word(), kLoopbackData);
+    ASSERT_EQ(frame.Tail(), chunk);
+    ++whole;
+  }
+  EXPECT_GT(whole, 0);
+  EXPECT_LT(whole, 120);
+  EXPECT_TRUE(sleeper->AwaitClosed(0));
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, TransportTest, ::testing::ValuesIn(Transports()),
+                         [](const ::testing::TestParamInfo<Transport>& info) {
+                           return info.param == Transport::kTcp ? "Tcp" : "Local";
+                         });
+
+class TcpTest : public TransportTest {};
+
+TEST_F(TcpTest, ASilentClientIsPingedThenDroppedAndAPingingOneStays) {
+  Serve(Transport::kTcp, 100, 700);
+  auto silent = Connect();
+  auto pinging = Connect();
+  Frame frame;
+  for (int i = 0; i < 15; ++i) {  // 1.5 s of pings from one client, silence from the other
+    ASSERT_TRUE(pinging->Send(std::string(4, '\0')));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  EXPECT_FALSE(silent->Next(&frame, 5000));
+  EXPECT_GE(silent->pings(), 3);
+  EXPECT_TRUE(silent->AwaitClosed(0));
+  EXPECT_EQ(pinging->Call(RequestFrame(SK_FRAME_CLOSE, 1)), SKR_INVALID_HANDLE);
+}
+
+TEST_F(TcpTest, SettingsAreTakenUpAtRunTime) {
+  Serve(Transport::kTcp);
+  auto before = Connect();
+  AwaitConnections(1);  // accepted: a client still in the old listener's queue would go with it
+  const uint16_t old_port = port_;
+  // A new port: the listener moves, the clients stay.
+  port_ = testing::FreeTcpPort();
+  ASSERT_TRUE(SetNumberProperty(u"/TCP_COMMUNICATION_PORT", port_));
+  server_->ApplySettings();
+  EXPECT_EQ(before->Call(RequestFrame(SK_FRAME_CLOSE, 1)), SKR_INVALID_HANDLE);
+  auto after = Connect();
+  WireClient refused;
+  EXPECT_NE(refused.ConnectTcp(old_port), platform::kErrorSuccess);
+  // Disabled: every client is dropped and nobody listens; enabled again: it listens.
+  ASSERT_TRUE(SetProperty(u"/SK_TCP_COMMUNICATION", u"Disable"));
+  server_->ApplySettings();
+  EXPECT_TRUE(before->AwaitClosed(5000));
+  EXPECT_TRUE(after->AwaitClosed(5000));
+  EXPECT_NE(refused.ConnectTcp(port_), platform::kErrorSuccess);
+  EXPECT_EQ(server_->Start(), SKR_INVALID_PARAMETER);
+  ASSERT_TRUE(SetProperty(u"/SK_TCP_COMMUNICATION", u"Enable"));
+  server_->ApplySettings();
+  auto again = Connect();
+  EXPECT_EQ(again->Call(RequestFrame(SK_FRAME_CLOSE, 1)), SKR_INVALID_HANDLE);
+}
+
+TEST_F(TcpTest, TheSixtyFourthClientIsNeverReadAndIsDropped) {
+  Serve(Transport::kTcp, 200, 1500);
+  std::vector<std::unique_ptr<WireClient>> clients;
+  for (int i = 0; i < 64; ++i) {
+    clients.push_back(Connect());
+    AwaitConnections(static_cast<std::size_t>(i + 1));  // accepted in this order
+  }
+  for (auto& client : clients) ASSERT_TRUE(client->Send(RequestFrame(SK_FRAME_CLOSE, 1)));
+  Frame reply;
+  for (int i = 0; i < 63; ++i) ASSERT_TRUE(clients[i]->NextReply(&reply)) << i;
+  // Everyone keeps talking; only the first 63 are heard.
+  for (int round = 0; round < 12; ++round) {
+    for (auto& client : clients) client->Send(std::string(4, '\0'));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+  EXPECT_TRUE(clients[63]->AwaitClosed(5000));
+  AwaitConnections(63);
+}
+
+}  // namespace
+}  // namespace orlenda

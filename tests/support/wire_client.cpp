@@ -1,0 +1,156 @@
+#include "support/wire_client.h"
+
+#include <chrono>
+#include <cstring>
+
+#include "platform/errors.h"
+#include "skein/protocol.h"
+
+namespace orlenda::testing {
+namespace {
+
+void Put32(std::string* out, uint32_t v) {
+  for (int i = 0; i < 4; ++i) out->push_back(static_cast<char>(v >> (8 * i)));
+}
+
+uint32_t Get32(const std::string& s, std::size_t at) {
+  uint32_t v = 0;
+  for (int i = 3; i >= 0; --i) v = v << 8 | static_cast<uint8_t>(s[at + i]);
+  return v;
+}
+
+uint32_t Remaining(std::chrono::steady_clock::time_point deadline) {
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+  return left.count() > 0 ? static_cast<uint32_t>(left.count()) : 0;
+}
+
+}  // namespace
+
+uint32_t Frame::Word() const { return body.size() >= 4 ? Get32(body, 0) : 0; }
+
+std::string RequestFrame(uint32_t code, uint64_t tag, const std::string& body) {
+  std::string frame;
+  Put32(&frame, static_cast<uint32_t>(SK_FRAME_HEADER_SIZE + body.size()));
+  Put32(&frame, code);
+  Put32(&frame, static_cast<uint32_t>(tag));
+  Put32(&frame, static_cast<uint32_t>(tag >> 32));
+  return frame + body;
+}
+
+std::string DwordBytes(uint32_t value) {
+  std::string bytes;
+  Put32(&bytes, value);
+  return bytes;
+}
+
+std::string OpenFrame(uint64_t tag, const std::u16string& name) {
+  std::string body;
+  for (char16_t unit : name) {
+    body.push_back(static_cast<char>(unit & 0xFF));
+    body.push_back(static_cast<char>(unit >> 8));
+  }
+  body.append(2, '\0');
+  return RequestFrame(SK_FRAME_OPEN, tag, body);
+}
+
+std::string WriteFrame(uint64_t tag, const std::string& data) { return RequestFrame(SK_FRAME_WRITE, tag, data); }
+
+std::string IoctlFrame(uint64_t tag, uint32_t control, const std::string& input) {
+  return RequestFrame(SK_FRAME_IOCTL, tag, DwordBytes(control) + input);
+}
+
+std::string RegisterFrame(uint64_t tag, uint32_t event) {
+  return RequestFrame(SK_FRAME_REGISTER, tag, DwordBytes(event));
+}
+
+uint32_t WireClient::ConnectTcp(uint16_t port) {
+  pending_.clear();
+  return platform::ConnectTcp("127.0.0.1", port, 5000, &socket_);
+}
+
+uint32_t WireClient::ConnectLocal(const char16_t* name) {
+  pending_.clear();
+  return platform::ConnectLocal(name, &socket_);
+}
+
+bool WireClient::Send(const std::string& bytes) {
+  std::size_t sent = 0;
+  return platform::SendAll(socket_, bytes.data(), bytes.size(), 10000, &sent) == platform::kErrorSuccess;
+}
+
+bool WireClient::Fill(std::size_t want, uint32_t timeout_ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (pending_.size() < want) {
+    platform::SocketWait wait{socket_.handle(), true, false, false, false};
+    std::size_t ready = 0;
+    if (platform::WaitSockets(&wait, 1, Remaining(deadline), &ready) != platform::kErrorSuccess || ready == 0) {
+      return false;
+    }
+    char buffer[65536];
+    std::size_t got = 0;
+    if (platform::Receive(socket_, buffer, sizeof(buffer), &got) != platform::kErrorSuccess || got == 0) return false;
+    pending_.append(buffer, got);
+  }
+  return true;
+}
+
+bool WireClient::Next(Frame* frame, uint32_t timeout_ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    if (!Fill(4, Remaining(deadline))) return false;
+    const uint32_t length = Get32(pending_, 0);
+    if (length == 0) {
+      ++pings_;
+      pending_.erase(0, 4);
+      continue;
+    }
+    if (length < SK_FRAME_HEADER_SIZE || !Fill(length, Remaining(deadline))) return false;
+    frame->length = length;
+    frame->code = Get32(pending_, 4);
+    frame->tag = Get32(pending_, 8) | static_cast<uint64_t>(Get32(pending_, 12)) << 32;
+    frame->body = pending_.substr(SK_FRAME_HEADER_SIZE, length - SK_FRAME_HEADER_SIZE);
+    pending_.erase(0, length);
+    return true;
+  }
+}
+
+bool WireClient::NextReply(Frame* frame, uint32_t timeout_ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    if (!Next(frame, Remaining(deadline))) return false;
+    if (frame->code != SK_FRAME_EVENT) return true;
+    events += RequestFrame(frame->code, frame->tag, frame->body);
+  }
+}
+
+uint32_t WireClient::Call(const std::string& request, Frame* reply) {
+  Frame local;
+  Frame* answer = reply != nullptr ? reply : &local;
+  if (!Send(request) || !NextReply(answer)) return 0xFFFFFFFFu;
+  return answer->Word();
+}
+
+bool WireClient::AwaitClosed(uint32_t timeout_ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    platform::SocketWait wait{socket_.handle(), true, false, false, false};
+    std::size_t ready = 0;
+    if (platform::WaitSockets(&wait, 1, Remaining(deadline), &ready) != platform::kErrorSuccess) return true;
+    if (ready == 0) return false;  // still open at the deadline
+    char buffer[4096];
+    std::size_t got = 0;
+    if (platform::Receive(socket_, buffer, sizeof(buffer), &got) != platform::kErrorSuccess || got == 0) return true;
+  }
+}
+
+uint16_t FreeTcpPort() {
+  platform::Socket probe;
+  uint16_t port = 0;
+  if (platform::OpenTcpSocket(&probe) == platform::kErrorSuccess &&
+      platform::BindIpv4(probe, 0x7F000001u, 0) == platform::kErrorSuccess) {
+    platform::LocalPort(probe, &port);
+  }
+  return port;
+}
+
+}  // namespace orlenda::testing

@@ -1,0 +1,64 @@
+// A raw client of the service's wire protocol for the transport tests: it sends any bytes (whole
+// frames, single bytes, nonsense) and reads frames back with a time-out. Over TCP on every
+// platform, over the local pipe where that is a socket (POSIX).
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/socket.h"
+
+namespace orlenda::testing {
+
+struct Frame {
+  uint32_t length = 0;
+  uint32_t code = 0;
+  uint64_t tag = 0;
+  std::string body;  // everything after the 16-byte header
+  // The u32 at offset 16 (the result of a reply, the identifier of an event); 0 when absent.
+  uint32_t Word() const;
+  // The bytes after offset 20 (an Ioctl's output, an event's data).
+  std::string Tail() const { return body.size() > 4 ? body.substr(4) : std::string(); }
+};
+
+// Frame builders: a request of `code` and `tag` carrying `body`.
+std::string RequestFrame(uint32_t code, uint64_t tag, const std::string& body = std::string());
+std::string OpenFrame(uint64_t tag, const std::u16string& name);
+std::string WriteFrame(uint64_t tag, const std::string& data);
+std::string IoctlFrame(uint64_t tag, uint32_t control, const std::string& input = std::string());
+std::string RegisterFrame(uint64_t tag, uint32_t event);
+std::string DwordBytes(uint32_t value);
+
+class WireClient {
+ public:
+  uint32_t ConnectTcp(uint16_t port);
+  uint32_t ConnectLocal(const char16_t* name);
+  void Disconnect() { socket_.Close(); }
+  bool connected() const { return socket_.is_open(); }
+
+  bool Send(const std::string& bytes);
+  // The next frame, within `timeout_ms`; pings (length 0) are counted and skipped. False on time-out
+  // or when the service closed the connection.
+  bool Next(Frame* frame, uint32_t timeout_ms = 10000);
+  // The next frame that is not an event (events on the way are kept in `events`).
+  bool NextReply(Frame* frame, uint32_t timeout_ms = 10000);
+  // Sends a request and waits for its reply's result word (0xFFFFFFFF when none came).
+  uint32_t Call(const std::string& request, Frame* reply = nullptr);
+  // Waits until the service closes the connection; false when it is still open after `timeout_ms`.
+  bool AwaitClosed(uint32_t timeout_ms);
+
+  int pings() const { return pings_; }
+  std::string events;  // the events NextReply passed over, as whole frames back to back
+
+ private:
+  bool Fill(std::size_t want, uint32_t timeout_ms);
+
+  platform::Socket socket_;
+  std::string pending_;
+  int pings_ = 0;
+};
+
+// A TCP port that was free a moment ago (bound to 0, read back, closed).
+uint16_t FreeTcpPort();
+
+}  // namespace orlenda::testing
