@@ -17,6 +17,11 @@
 
 namespace orlenda::logservice {
 
+// Appends the line of one record to `line`. The service formats every record it takes, so this
+// allocates nothing once `line` has grown and converts the time once per second of the writer's.
+void AppendRecordLine(HeapString* line, const logging::RecordHeader& header, WStringView text,
+                      const uint8_t* data, uint32_t data_size);
+
 HeapString FormatRecordLine(const logging::RecordHeader& header, WStringView text, const uint8_t* data,
                             uint32_t data_size);
 

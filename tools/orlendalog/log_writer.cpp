@@ -7,13 +7,20 @@ namespace orlenda::logservice {
 
 void LogWriter::OnRecord(const logging::RecordHeader& header, WStringView text, const uint8_t* data,
                          uint32_t data_size) {
-  Write(FormatRecordLine(header, text, data, data_size));
+  platform::ScopedLock hold(lock_);
+  line_.clear();  // keeps its room: one line after another, no allocation
+  AppendRecordLine(&line_, header, text, data, data_size);
+  WriteLocked(line_);
 }
 
 void LogWriter::OnMalformed(const char* notice) { Write(FormatNoticeLine(platform::FileTimeNow(), notice)); }
 
 void LogWriter::Write(const HeapString& line) {
   platform::ScopedLock hold(lock_);
+  WriteLocked(line);
+}
+
+void LogWriter::WriteLocked(const HeapString& line) {
   if (console_ != nullptr) std::fwrite(line.data(), 1, line.size(), console_);
   if (file_ != nullptr) NoteFileState(file_->Append(std::string_view(line.data(), line.size())));
 }

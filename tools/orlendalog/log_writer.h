@@ -28,12 +28,14 @@ class LogWriter : public RecordSink {
 
  private:
   void Write(const HeapString& line);
+  void WriteLocked(const HeapString& line);
   void NoteFileState(bool ok);
 
   platform::CriticalSection lock_;
   RotatingFile* file_;
   std::FILE* console_;
   bool file_failed_ = false;
+  HeapString line_;  // the line being written, under lock_
 };
 
 }  // namespace orlenda::logservice

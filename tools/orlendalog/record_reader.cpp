@@ -6,18 +6,27 @@ namespace orlenda::logservice {
 
 void RecordReader::Feed(const uint8_t* bytes, std::size_t size) {
   if (broken_ || size == 0) return;
-  pending_.insert(pending_.end(), bytes, bytes + size);
-  if (!Drain()) {
+  std::size_t used = 0;
+  bool trusted;
+  if (pending_.empty()) {
+    // The common case: records straight from the bytes that came, only a cut one kept back.
+    trusted = Drain(bytes, size, &used);
+    if (trusted) pending_.assign(bytes + used, bytes + size);
+  } else {
+    pending_.insert(pending_.end(), bytes, bytes + size);
+    trusted = Drain(pending_.data(), pending_.size(), &used);
+    if (trusted) pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(used));
+  }
+  if (!trusted) {
     broken_ = true;
     HeapVector<uint8_t>().swap(pending_);
   }
 }
 
-bool RecordReader::Drain() {
+bool RecordReader::Drain(const uint8_t* bytes, std::size_t size, std::size_t* used) {
   std::size_t offset = 0;
-  bool trusted = true;
-  while (pending_.size() - offset >= logging::kRecordHeaderSize) {
-    const uint8_t* at = pending_.data() + offset;
+  while (size - offset >= logging::kRecordHeaderSize) {
+    const uint8_t* at = bytes + offset;
     const logging::RecordHeader h = logging::DecodeRecordHeader(at);
     char notice[160];
     if (h.kind > logging::kRecordKindLast) {
@@ -33,24 +42,23 @@ bool RecordReader::Drain() {
     }
     if (notice[0] != '\0') {
       sink_->OnMalformed(notice);
-      trusted = false;
-      break;
+      *used = offset;
+      return false;
     }
     const std::size_t text_bytes = static_cast<std::size_t>(h.text_length) * 2;
     const std::size_t total = logging::kRecordHeaderSize + text_bytes + h.data_length;
-    if (pending_.size() - offset < total) break;
+    if (size - offset < total) break;
 
     const uint8_t* text = at + logging::kRecordHeaderSize;
-    WString decoded;
-    decoded.resize(h.text_length);
+    text_.resize(h.text_length);
     for (uint32_t i = 0; i < h.text_length; ++i) {
-      decoded[i] = static_cast<char16_t>(text[2 * i] | (text[2 * i + 1] << 8));
+      text_[i] = static_cast<char16_t>(text[2 * i] | (text[2 * i + 1] << 8));
     }
-    sink_->OnRecord(h, View(decoded), text + text_bytes, h.data_length);
+    sink_->OnRecord(h, View(text_), text + text_bytes, h.data_length);
     offset += total;
   }
-  pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(offset));
-  return trusted;
+  *used = offset;
+  return true;
 }
 
 void RecordReader::Finish() {

@@ -45,11 +45,13 @@ class RecordReader {
   std::size_t pending() const { return pending_.size(); }
 
  private:
-  // Reports the records complete in pending_; false once the stream cannot be trusted.
-  bool Drain();
+  // Reports the records complete at the start of `bytes`; *used tells how many bytes they took.
+  // False once the stream cannot be trusted.
+  bool Drain(const uint8_t* bytes, std::size_t size, std::size_t* used);
 
   RecordSink* sink_;
-  HeapVector<uint8_t> pending_;
+  HeapVector<uint8_t> pending_;  // the start of a record not yet complete
+  WString text_;                 // the record's text, decoded; reused from record to record
   bool broken_ = false;
 };
 
