@@ -54,16 +54,18 @@ struct PipeReadLoop::Impl {
     }
   }
 
-  // One read of the writer's bytes. False when its stream has ended (or failed): it is done.
-  bool ReadOnce(Handler* handler, const Writer& w) {
+  enum class Read { kBytes, kNothingYet, kEnded };
+
+  // One read of the writer's bytes; kEnded when its stream has ended (or failed): it is done.
+  Read ReadOnce(Handler* handler, const Writer& w) {
     for (;;) {
       const ssize_t got = recv(w.fd, buffer.data(), buffer.size(), 0);
       if (got > 0) {
         handler->OnBytes(w.context, buffer.data(), static_cast<std::size_t>(got));
-        return true;
+        return Read::kBytes;
       }
       if (got < 0 && errno == EINTR) continue;
-      return got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+      return got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) ? Read::kNothingYet : Read::kEnded;
     }
   }
 
@@ -79,8 +81,8 @@ struct PipeReadLoop::Impl {
     AcceptAll(handler);
     for (const Writer& w : writers) shutdown(w.fd, SHUT_RD);
     while (!writers.empty()) {
-      while (ReadOnce(handler, writers.back())) {
-        // EAGAIN after SHUT_RD cannot happen: a drained socket reads as its end.
+      // After SHUT_RD a drained socket reads as its end; "nothing yet" ends the reading as well.
+      while (ReadOnce(handler, writers.back()) == Read::kBytes) {
       }
       Drop(handler, writers.size() - 1);
     }
@@ -129,7 +131,9 @@ uint32_t PipeReadLoop::Run(Handler* handler, uint32_t tick_ms) {
     if (ready > 0) {
       // Writers first, by their place in fds, before AcceptAll adds new ones behind them.
       for (std::size_t i = fds.size(); i-- > 2;) {
-        if (fds[i].revents != 0 && !loop.ReadOnce(handler, loop.writers[i - 2])) loop.Drop(handler, i - 2);
+        if (fds[i].revents != 0 && loop.ReadOnce(handler, loop.writers[i - 2]) == Impl::Read::kEnded) {
+          loop.Drop(handler, i - 2);
+        }
       }
       if (fds[1].revents != 0) loop.AcceptAll(handler);
     }
