@@ -119,6 +119,15 @@ TEST_F(LogClientTest, TimeIsTakenAtTheCallNotWhenTheServiceTakesTheRecord) {
   EXPECT_EQ(LostMessageCount(), 0u);
 }
 
+TEST_F(LogClientTest, ServiceThatGoesAwayBeforeItsPipeIsThereCostsTheRecord) {
+  LogReceiver receiver;
+  receiver.HoldPresence();
+  EXPECT_TRUE(Log(4, u"never"));
+  platform::SleepMs(250);  // the sender waits for the pipe while the service is present
+  receiver.ReleasePresence();
+  EXPECT_EQ(LostMessageCount(), 1u);
+}
+
 TEST_F(LogClientTest, ManyThreadsTracingAtOnceKeepEachThreadsOrder) {
   constexpr uint32_t kThreads = 8;
   constexpr uint32_t kEach = 500;
