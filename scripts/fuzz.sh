@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the fuzz targets (preset "fuzz": clang with libFuzzer, AddressSanitizer and
 # UndefinedBehaviorSanitizer), replays every committed input whole, then runs each target for a
-# bounded time on a scratch copy of the seed corpus (fuzz/corpus plus the settings schema). Fails
+# bounded time on a scratch copy of its seed corpus (the XML targets: fuzz/corpus plus the settings
+# schema; the framer: fuzz/corpus-frames). Fails
 # when a target finds a crash, a leak, undefined behaviour or a time-out; the input that caused it
 # is kept under build/fuzz/findings/.
 #   fuzz.sh            30 seconds per target
@@ -10,7 +11,14 @@ set -uo pipefail
 cd "$(dirname "$0")/.."
 
 seconds=${1:-30}
-targets=(parse_text_fuzzer load_file_fuzzer)
+targets=(parse_text_fuzzer load_file_fuzzer frame_reader_fuzzer)
+# The committed inputs of a target.
+seeds() {
+  case "$1" in
+    frame_reader_fuzzer) echo fuzz/corpus-frames/* ;;
+    *) echo fuzz/corpus/* src/settings/settings-schema.xml ;;
+  esac
+}
 scripts/deps.sh fuzz || exit 1
 
 echo "=== fuzz: build"
@@ -27,19 +35,20 @@ for target in "${targets[@]}"; do
   echo "=== fuzz: $target, ${seconds} s"
   corpus=$scratch/$target
   mkdir -p "$corpus" "$findings/$target"
-  cp fuzz/corpus/* src/settings/settings-schema.xml "$corpus/"
+  # shellcheck disable=SC2046
+  cp $(seeds "$target") "$corpus/"
   log=$scratch/$target.log
   # Every committed input first, each whole (the timed run below cuts inputs at -max_len), so that
   # a finding kept in the corpus can never come back unseen.
   if ! TMPDIR=$scratch "build/fuzz/fuzz/$target" -timeout=10 -rss_limit_mb=2048 \
-       -artifact_prefix="$findings/$target/" fuzz/corpus/* src/settings/settings-schema.xml \
+       -artifact_prefix="$findings/$target/" $(seeds "$target") \
        >"$log" 2>&1; then
     tail -n 60 "$log"
     echo "fuzz: $target FAILED on a committed input; see $findings/$target/"
     failed+=("$target")
     continue
   fi
-  echo "replayed $(ls fuzz/corpus | wc -l) committed inputs and the settings schema"
+  echo "replayed $(seeds "$target" | wc -w) committed inputs"
   # The fuzzer's own scratch files go to the scratch folder too.
   if TMPDIR=$scratch "build/fuzz/fuzz/$target" -max_total_time="$seconds" -max_len=4096 \
        -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
