@@ -1,0 +1,287 @@
+// The client library against the real servers in this process (both transports), and against a
+// scripted stand-in for the cases a real service never produces: silence, a closed connection and
+// malformed replies.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/scripted_server.h"
+#include "support/served_fixture.h"
+
+namespace orlenda {
+namespace {
+
+using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
+using testing::Frame;
+using testing::ServedTest;
+using testing::Transport;
+
+// Events a client received, for the tests to wait on.
+class EventLog {
+ public:
+  void Attach(skein::Client& client) {
+    client.OnEvent([this](uint32_t event, std::string_view data) {
+      std::lock_guard<std::mutex> hold(mutex_);
+      events_.emplace_back(event, std::string(data));
+    });
+  }
+  // Waits up to 10 s until `count` events came; returns what came.
+  std::vector<std::pair<uint32_t, std::string>> Await(std::size_t count) {
+    for (int i = 0; i < 1000; ++i) {
+      {
+        std::lock_guard<std::mutex> hold(mutex_);
+        if (events_.size() >= count) return events_;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    std::lock_guard<std::mutex> hold(mutex_);
+    return events_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::pair<uint32_t, std::string>> events_;
+};
+
+std::string NameAndValue(const std::u16string& name, const std::string& value) {
+  std::string bytes(reinterpret_cast<const char*>(name.c_str()), (name.size() + 1) * 2);
+  return bytes + value;
+}
+
+class ClientTest : public ServedTest, public ::testing::WithParamInterface<Transport> {
+ protected:
+  void SetUp() override {
+    ServedTest::SetUp();
+    if (HasFatalFailure()) return;
+    Serve(GetParam());
+  }
+};
+
+// Every operation and its reply, in one session of one client; the events of its writes reach the
+// callback.
+TEST_P(ClientTest, EveryCallGetsItsReply) {
+  skein::Client client;
+  EventLog log;
+  log.Attach(client);
+  ASSERT_EQ(Connect(client, GetParam()), SKR_SUCCESS);
+  uint32_t written = 0;
+  std::string output;
+  struct Step {
+    const char* what;
+    std::function<uint32_t()> call;
+    uint32_t expected;
+  };
+  const std::vector<Step> steps = {
+      {"open an unknown member", [&] { return client.Open("loop/nobody"); }, SKR_INVALID_SIZE},
+      {"write with no port", [&] { return client.Write("x"); }, SKR_INVALID_HANDLE},
+      {"open", [&] { return client.Open("loop/dev1"); }, SKR_SUCCESS},
+      {"open twice", [&] { return client.Open("loop/dev2"); }, SKR_INVALID_HANDLE},
+      {"write unlocked", [&] { return client.Write("x"); }, SKR_NOT_LOCKED},
+      {"lock with a bad size", [&] { return client.Ioctl(SK_PORT_LOCK, "ab"); }, SKR_INVALID_SIZE},
+      {"lock", [&] { return client.Ioctl(SK_PORT_LOCK, skein::Dword(1)); }, SKR_SUCCESS},
+      {"register", [&] { return client.RegisterCallback(kLoopbackData); }, SKR_SUCCESS},
+      {"write", [&] { return client.Write("hello", &written); }, SKR_SUCCESS},
+      {"set a string", [&] { return client.Ioctl(SK_CONFIG_SET_STRING_PROPERTY, NameAndValue(u"Model", std::string("X\0\0\0", 4))); },
+       SKR_SUCCESS},
+      {"get it back", [&] { return client.Ioctl(SK_CONFIG_GET_STRING_PROPERTY, NameAndValue(u"Model", ""), &output); },
+       SKR_SUCCESS},
+      {"get a missing one", [&] { return client.Ioctl(SK_CONFIG_GET_NUMBER_PROPERTY, NameAndValue(u"No", "")); },
+       SKR_FAILED},
+      {"unregister", [&] { return client.UnregisterCallback(kLoopbackData); }, SKR_SUCCESS},
+      {"write unheard", [&] { return client.Write("quiet"); }, SKR_SUCCESS},
+      {"close", [&] { return client.Close(); }, SKR_SUCCESS},
+      {"close twice", [&] { return client.Close(); }, SKR_INVALID_HANDLE},
+  };
+  for (const Step& step : steps) EXPECT_EQ(step.call(), step.expected) << step.what;
+  EXPECT_EQ(written, 5u);
+  EXPECT_EQ(output, std::string("X\0\0\0", 4));
+  const auto events = log.Await(1);
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].first, kLoopbackData);
+  EXPECT_EQ(events[0].second, "hello");
+}
+
+// Calls of many threads at once on one client, one of them held in the device: the others are
+// answered meanwhile (their replies overtake it), and every reply reaches its own call.
+TEST_P(ClientTest, CallsOfManyThreadsGetTheirOwnRepliesInAnyOrder) {
+  skein::Client client;
+  ASSERT_EQ(Connect(client, GetParam()), SKR_SUCCESS);
+  ASSERT_EQ(client.Open("mixed/dev1"), SKR_SUCCESS);
+  ASSERT_EQ(client.Ioctl(SK_PORT_LOCK, skein::Dword(1)), SKR_SUCCESS);
+  const auto held_writes = [&] {
+    std::string count;
+    client.Ioctl(kTestHeldWrites, {}, &count);
+    return count.size() == 4 ? static_cast<uint8_t>(count[0]) : 0xFFu;
+  };
+  ASSERT_EQ(client.Ioctl(kTestHoldWrites, skein::Dword(1)), SKR_SUCCESS);  // mixed/dev1 is port 1
+  uint32_t held_written = 0;
+  std::atomic<uint32_t> held_result{0xFFFFFFFFu};
+  std::thread held([&] { held_result = client.Write(std::string(777, 'h'), &held_written); });
+  for (int i = 0; i < 1000 && held_writes() != 1; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  ASSERT_EQ(held_writes(), 1);
+
+  std::vector<std::thread> threads;
+  std::atomic<int> mismatches{0};
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 10; ++i) {
+        const std::u16string name = u"n" + std::u16string(1, static_cast<char16_t>(u'a' + t));
+        const std::string value(4, static_cast<char>(t * 10 + i));
+        std::string back;
+        if (client.Ioctl(SK_CONFIG_SET_NUMBER_PROPERTY, NameAndValue(name, value)) != SKR_SUCCESS ||
+            client.Ioctl(SK_CONFIG_GET_NUMBER_PROPERTY, NameAndValue(name, ""), &back) != SKR_SUCCESS ||
+            back != value) {
+          ++mismatches;
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(mismatches, 0);
+  EXPECT_EQ(held_result.load(), 0xFFFFFFFFu);  // still held: everything above overtook it
+  ASSERT_EQ(client.Ioctl(kTestHoldWrites, skein::Dword(0)), SKR_SUCCESS);
+  held.join();
+  EXPECT_EQ(held_result.load(), SKR_SUCCESS);
+  EXPECT_EQ(held_written, 777u);
+  EXPECT_EQ(client.Close(), SKR_SUCCESS);
+}
+
+// A call from the event callback would wait for the thread that runs it: it fails at once.
+TEST_P(ClientTest, ACallFromTheEventCallbackFailsInsteadOfWaitingForItself) {
+  skein::Client client;
+  std::atomic<uint32_t> inner{0};
+  client.OnEvent([&](uint32_t, std::string_view) { inner = client.Write("again"); });
+  ASSERT_EQ(Connect(client, GetParam()), SKR_SUCCESS);
+  ASSERT_EQ(client.Open("loop/dev1"), SKR_SUCCESS);
+  ASSERT_EQ(client.Ioctl(SK_PORT_LOCK, skein::Dword(1)), SKR_SUCCESS);
+  ASSERT_EQ(client.RegisterCallback(kLoopbackData), SKR_SUCCESS);
+  ASSERT_EQ(client.Write("echo"), SKR_SUCCESS);
+  for (int i = 0; i < 1000 && inner == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(inner.load(), SKC_WRONG_THREAD);
+  EXPECT_EQ(client.Close(), SKR_SUCCESS);
+}
+
+// The service goes away: a later call fails with the lost connection, at once and for good.
+TEST_P(ClientTest, AServerThatStopsFailsLaterCalls) {
+  skein::Client client;
+  ASSERT_EQ(Connect(client, GetParam()), SKR_SUCCESS);
+  ASSERT_EQ(client.Open("loop/dev1"), SKR_SUCCESS);
+  StopServers();
+  for (int i = 0; i < 500 && client.connected(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(client.Write("x"), SKC_CONNECTION_LOST);
+  EXPECT_EQ(client.Close(), SKC_CONNECTION_LOST);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, ClientTest, ::testing::ValuesIn(testing::BothTransports()), testing::TransportName);
+
+class ClientTcpTest : public ServedTest {};
+
+// The service drops a client it does not hear from for its keep-alive time-out; the library's
+// pings keep a silent client connected far beyond it.
+TEST_F(ClientTcpTest, AnIdleClientIsKeptAliveByItsPings) {
+  Serve(Transport::kTcp, 100, 400);
+  skein::Client idle;
+  idle.options().ping_interval_ms = 100;
+  ASSERT_EQ(Connect(idle, Transport::kTcp), SKR_SUCCESS);
+  ASSERT_EQ(idle.Open("loop/dev1"), SKR_SUCCESS);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  EXPECT_EQ(Connections(), 1u);
+  EXPECT_EQ(idle.Close(), SKR_SUCCESS);
+}
+
+TEST_F(ClientTcpTest, ConnectingWhereNobodyListensFails) {
+  SkClient* client = nullptr;
+  const std::string nobody = "127.0.0.1:" + std::to_string(testing::FreeTcpPort());
+  EXPECT_EQ(SkConnectTcp(nobody.c_str(), nullptr, &client), SKC_CANNOT_CONNECT);
+  EXPECT_EQ(SkConnectLocal("skein-nobody-here", nullptr, &client), SKC_CANNOT_CONNECT);
+  for (const char* bad : {"", "host:", "host:0", "host:70000", "host:12x"}) {
+    EXPECT_EQ(SkConnectTcp(bad, nullptr, &client), SKC_INVALID_ARGUMENT) << bad;
+  }
+  EXPECT_EQ(client, nullptr);
+  EXPECT_EQ(SkOpen(nullptr, "x"), SKC_INVALID_ARGUMENT);
+}
+
+// Against the scripted stand-in: what the client makes of silence, a closed connection and
+// malformed replies. Each answer goes to the first call; the second call tells whether the
+// connection survived.
+struct Misbehaviour {
+  const char* what;
+  std::function<std::string(const Frame&)> answer;
+  uint32_t first;
+  uint32_t second;
+};
+
+class HostileServerTest : public ::testing::TestWithParam<Misbehaviour> {};
+
+TEST_P(HostileServerTest, NeverHangsNorCrashes) {
+  const Misbehaviour& m = GetParam();
+  int calls = 0;
+  testing::ScriptedServer server([&](const Frame& request) {
+    return ++calls == 1 ? m.answer(request) : testing::ReplyFrame(request, SKR_SUCCESS);
+  });
+  ASSERT_NE(server.port(), 0);
+  skein::Client client;
+  client.options().call_timeout_ms = 3000;
+  client.options().keepalive_timeout_ms = 600;
+  client.options().max_reply_size = 1 << 20;
+  ASSERT_EQ(client.ConnectTcp("127.0.0.1:" + std::to_string(server.port())), SKR_SUCCESS);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(client.Close(), m.first) << m.what;
+  EXPECT_EQ(client.Close(), m.second) << m.what;
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << m.what;
+}
+
+std::string Silence(const Frame&) { return std::string(); }
+
+const Misbehaviour kMisbehaviours[] = {
+    {"silent past the keep-alive", Silence, SKC_CONNECTION_LOST, SKC_CONNECTION_LOST},
+    {"hangs up", [](const Frame&) { return std::string(testing::kHangUp); }, SKC_CONNECTION_LOST,
+     SKC_CONNECTION_LOST},
+    {"length 1", [](const Frame& r) { return testing::LengthAs(testing::ReplyFrame(r, 0), 1); }, SKC_PROTOCOL_ERROR,
+     SKC_PROTOCOL_ERROR},
+    {"length 15", [](const Frame& r) { return testing::LengthAs(testing::ReplyFrame(r, 0), 15); },
+     SKC_PROTOCOL_ERROR, SKC_PROTOCOL_ERROR},
+    {"length 4 GiB", [](const Frame& r) { return testing::LengthAs(testing::ReplyFrame(r, 0), 0xFFFFFFFFu); },
+     SKC_REPLY_TOO_LARGE, SKC_CONNECTION_LOST},
+    {"a header without result", [](const Frame& r) { return testing::RequestFrame(r.code, r.tag); }, SKC_BAD_REPLY,
+     SKR_SUCCESS},
+    {"the wrong code", [](const Frame& r) { return testing::RequestFrame(r.code + 1, r.tag, std::string(4, '\0')); },
+     SKC_BAD_REPLY, SKR_SUCCESS},
+    {"an unknown tag, then nothing",
+     [](const Frame& r) { return testing::RequestFrame(r.code, r.tag + 99, std::string(4, '\0')); },
+     SKC_CONNECTION_LOST, SKC_CONNECTION_LOST},
+    {"pings and a short event first",
+     [](const Frame& r) {
+       return std::string(8, '\0') + testing::RequestFrame(SK_FRAME_EVENT, 0, "ab") + testing::ReplyFrame(r, 7);
+     },
+     7u, SKR_SUCCESS},
+};
+
+INSTANTIATE_TEST_SUITE_P(Replies, HostileServerTest, ::testing::ValuesIn(kMisbehaviours));
+
+TEST(ClientNames, EveryCodeHasItsNameAndTheLibrarysOwnAreDistinct) {
+  const std::vector<std::pair<uint32_t, const char*>> names = {
+      {SKR_SUCCESS, "SKR_SUCCESS"},       {SKR_NOT_LOCKED, "SKR_NOT_LOCKED"},
+      {SKR_LOCKED_BY_OTHER, "SKR_LOCKED_BY_OTHER"}, {SKC_TIMEOUT, "SKC_TIMEOUT"},
+      {SKC_CONNECTION_LOST, "SKC_CONNECTION_LOST"}, {SKC_WRONG_THREAD, "SKC_WRONG_THREAD"},
+  };
+  for (const auto& entry : names) EXPECT_STREQ(SkResultName(entry.first), entry.second);
+  EXPECT_EQ(SkResultName(0x12345678u), nullptr);
+  EXPECT_EQ(skein::Client::Describe(SKR_NOT_LOCKED), "SKR_NOT_LOCKED (0x80010000)");
+  EXPECT_EQ(skein::Client::Describe(0x80001234u), "0x80001234");
+#define SKEIN_EXPECT_NOT_A_SERVICE_CODE(name, value) EXPECT_NE((value)&0xFFFF0000u, 0x80FE0000u) << #name;
+  SKEIN_RESULT_CODES(SKEIN_EXPECT_NOT_A_SERVICE_CODE)
+#undef SKEIN_EXPECT_NOT_A_SERVICE_CODE
+}
+
+}  // namespace
+}  // namespace orlenda

@@ -1,0 +1,89 @@
+#include "support/scripted_server.h"
+
+#include "platform/errors.h"
+#include "skein/protocol.h"
+
+namespace orlenda::testing {
+namespace {
+
+constexpr uint32_t kLoopback = 0x7F000001u;
+constexpr uint32_t kPollMs = 20;
+
+uint32_t Get32(const std::string& s, std::size_t at) {
+  uint32_t v = 0;
+  for (int i = 3; i >= 0; --i) v = v << 8 | static_cast<uint8_t>(s[at + i]);
+  return v;
+}
+
+}  // namespace
+
+std::string ReplyFrame(const Frame& request, uint32_t result, const std::string& tail) {
+  return RequestFrame(request.code, request.tag, DwordBytes(result) + tail);
+}
+
+std::string LengthAs(std::string frame, uint32_t length) {
+  return DwordBytes(length) + frame.substr(4);
+}
+
+ScriptedServer::ScriptedServer(Answer answer) : answer_(std::move(answer)) {
+  if (platform::OpenTcpSocket(&listener_) != platform::kErrorSuccess ||
+      platform::BindIpv4(listener_, kLoopback, 0) != platform::kErrorSuccess ||
+      platform::ListenOn(listener_) != platform::kErrorSuccess ||
+      platform::SetNonBlocking(listener_) != platform::kErrorSuccess ||
+      platform::LocalPort(listener_, &port_) != platform::kErrorSuccess) {
+    port_ = 0;
+    return;
+  }
+  thread_ = std::thread([this] { Serve(); });
+}
+
+ScriptedServer::~ScriptedServer() {
+  stop_ = true;
+  if (thread_.joinable()) thread_.join();
+}
+
+void ScriptedServer::Serve() {
+  platform::Socket client;
+  std::string pending;
+  while (!stop_) {
+    platform::SocketWait waits[2] = {{listener_.handle(), true, false, false, false},
+                                     {client.handle(), client.is_open(), false, false, false}};
+    std::size_t ready = 0;
+    platform::WaitSockets(waits, client.is_open() ? 2 : 1, kPollMs, &ready);
+    uint32_t peer = 0;
+    if (waits[0].readable && platform::AcceptClient(listener_, &client, &peer) == platform::kErrorSuccess) {
+      pending.clear();
+    }
+    if (!client.is_open() || !waits[1].readable) continue;
+    char buffer[65536];
+    std::size_t got = 0;
+    if (platform::Receive(client, buffer, sizeof(buffer), &got) != platform::kErrorSuccess || got == 0) {
+      client.Close();
+      continue;
+    }
+    pending.append(buffer, got);
+    while (pending.size() >= 4) {
+      const uint32_t length = Get32(pending, 0);
+      if (length == 0) {  // the client's ping
+        pending.erase(0, 4);
+        continue;
+      }
+      if (length < SK_FRAME_HEADER_SIZE || pending.size() < length) break;
+      Frame request;
+      request.length = length;
+      request.code = Get32(pending, 4);
+      request.tag = Get32(pending, 8) | static_cast<uint64_t>(Get32(pending, 12)) << 32;
+      request.body = pending.substr(SK_FRAME_HEADER_SIZE, length - SK_FRAME_HEADER_SIZE);
+      pending.erase(0, length);
+      const std::string bytes = answer_(request);
+      if (bytes == kHangUp) {
+        client.Close();
+        break;
+      }
+      std::size_t sent = 0;
+      if (!bytes.empty()) platform::SendAll(client, bytes.data(), bytes.size(), 5000, &sent);
+    }
+  }
+}
+
+}  // namespace orlenda::testing
