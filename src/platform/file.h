@@ -63,6 +63,8 @@ uint32_t RemoveFile(const char16_t* path);
 // is there already, which callers that only need the folder treat as success.
 uint32_t CreateFolder(const char16_t* path);
 
+// Removes a folder that is empty; fails (and leaves it) when it is not.
+uint32_t RemoveEmptyFolder(const char16_t* path);
 // Whether a file or folder of that name exists.
 bool PathExists(const char16_t* path);
 

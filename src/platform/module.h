@@ -1,8 +1,8 @@
 // Loadable modules (DLLs, shared objects), their file versions, and the running executable's path.
 //
 // Module names are terminated UTF-16; on POSIX they are converted to UTF-8 file names. A name
-// without a separator is searched for the way the system searches for libraries (LoadLibraryW's
-// search order; dlopen's search path).
+// without a folder (a bare name) is resolved by ResolveModuleName, never by the system's search for
+// libraries.
 //
 // File versions. Windows reads the file's version resource (VERSIONINFO, root value "\").
 // POSIX has no version resource: a module (or the executable, if it exports dynamic symbols)
@@ -67,6 +67,20 @@ FileVersion ReadFileVersion(const char16_t* file_name);
 // Whether the module of `file_name` is mapped in this process now (GetModuleHandleW / dlopen with
 // RTLD_NOLOAD); takes no reference.
 bool IsModuleResident(const char16_t* file_name);
+
+// The file a module name stands for, terminated, in `out`; returns its length in UTF-16 units, or
+// 0 when it does not fit or the executable's folder is unknown. A name with a folder in it is taken
+// as it is. A bare name is never looked for in the current folder or along the system's search
+// path (PATH, the dynamic loader's path), where anyone may put a file of that name for a service
+// running as the system to load: it names the file beside the running executable, with the
+// platform's module extension (".dll", ".so") added when the name has none; on Windows, when no
+// such file is there, the file of that name in the system folder.
+std::size_t ResolveModuleName(const char16_t* name, char16_t* out, std::size_t capacity);
+
+// The platform's module file extension, with its dot; and the system folder where bare module
+// names are looked for second (empty on POSIX). For ResolveModuleName.
+const char16_t* ModuleExtension();
+std::size_t SystemModuleFolder(char16_t* buffer, std::size_t capacity);
 
 // The full path of the running executable, terminated, in `buffer`. Returns its length in UTF-16
 // units, or 0 when it is unknown or does not fit. Windows asks GetModuleFileNameW with a buffer of

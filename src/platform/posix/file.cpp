@@ -183,6 +183,12 @@ uint32_t CreateFolder(const char16_t* path) {
   return mkdir(native.c_str(), 0755) == 0 ? kErrorSuccess : LastErrno();
 }
 
+uint32_t RemoveEmptyFolder(const char16_t* path) {
+  NativePath native(path);
+  if (!native.ok()) return kErrorInvalidParameter;
+  return rmdir(native.c_str()) == 0 ? kErrorSuccess : LastErrno();
+}
+
 bool PathExists(const char16_t* path) {
   NativePath native(path);
   struct stat info;

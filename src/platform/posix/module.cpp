@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "platform/errors.h"
+#include "platform/paths.h"
 #include "platform/posix/utf8.h"
 
 namespace orlenda::platform {
@@ -22,8 +23,10 @@ namespace {
 constexpr std::size_t kPathBytes = 4096;
 constexpr char kVersionSymbol[] = "SkeinComponentVersion";
 
+// The module file a name stands for (ResolveModuleName), as a UTF-8 path.
 bool ToNative(const char16_t* name, char* out, std::size_t capacity) {
-  return name != nullptr && name[0] != 0 && Utf16ToUtf8(name, out, capacity) != kConversionFailed;
+  char16_t path[kMaxPathChars];
+  return ResolveModuleName(name, path, kMaxPathChars) != 0 && Utf16ToUtf8(path, out, capacity) != kConversionFailed;
 }
 
 // Whether `path` names the running executable (which dlopen cannot map a second time).
@@ -36,6 +39,13 @@ bool IsExecutable(const char* path) {
 }
 
 }  // namespace
+
+const char16_t* ModuleExtension() { return u".so"; }
+
+std::size_t SystemModuleFolder(char16_t* buffer, std::size_t capacity) {
+  if (capacity > 0) buffer[0] = 0;
+  return 0;  // only the executable's folder
+}
 
 uint32_t Module::Load(const char16_t* file_name) {
   Release();

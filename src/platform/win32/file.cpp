@@ -101,6 +101,11 @@ uint32_t CreateFolder(const char16_t* path) {
   return CreateDirectoryW(AsWide(path), nullptr) ? kErrorSuccess : GetLastError();
 }
 
+uint32_t RemoveEmptyFolder(const char16_t* path) {
+  if (!ValidPath(path)) return kErrorInvalidParameter;
+  return RemoveDirectoryW(AsWide(path)) ? kErrorSuccess : GetLastError();
+}
+
 bool PathExists(const char16_t* path) {
   return ValidPath(path) && GetFileAttributesW(AsWide(path)) != INVALID_FILE_ATTRIBUTES;
 }

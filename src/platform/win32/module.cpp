@@ -3,14 +3,24 @@
 
 #include "platform/errors.h"
 #include "platform/heap.h"
+#include "platform/paths.h"
 #include "platform/win32/windows.h"
 
 namespace orlenda::platform {
 
+const char16_t* ModuleExtension() { return u".dll"; }
+
+std::size_t SystemModuleFolder(char16_t* buffer, std::size_t capacity) {
+  const UINT length = GetSystemDirectoryW(AsWide(buffer), static_cast<UINT>(capacity));
+  return length > 0 && length < capacity ? length : 0;
+}
+
 uint32_t Module::Load(const char16_t* file_name) {
   Release();
-  if (file_name == nullptr || file_name[0] == 0) return kErrorFileNotFound;
-  HMODULE module = LoadLibraryW(AsWide(file_name));
+  char16_t path[kMaxPathChars];
+  if (ResolveModuleName(file_name, path, kMaxPathChars) == 0) return kErrorFileNotFound;
+  // A full path: the module's own imports are looked for beside it first.
+  HMODULE module = LoadLibraryExW(AsWide(path), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
   if (module == nullptr) {
     const uint32_t error = GetLastError();
     return error != 0 ? error : kErrorFileNotFound;
@@ -33,7 +43,9 @@ void Module::Release() {
 
 FileVersion ReadFileVersion(const char16_t* file_name) {
   FileVersion version;
-  if (file_name == nullptr) return version;
+  char16_t path[kMaxPathChars];
+  if (ResolveModuleName(file_name, path, kMaxPathChars) == 0) return version;
+  file_name = path;
   DWORD ignored = 0;
   const DWORD size = GetFileVersionInfoSizeW(AsWide(file_name), &ignored);
   if (size == 0) return version;
@@ -59,7 +71,8 @@ FileVersion ReadFileVersion(const char16_t* file_name) {
 }
 
 bool IsModuleResident(const char16_t* file_name) {
-  return file_name != nullptr && GetModuleHandleW(AsWide(file_name)) != nullptr;
+  char16_t path[kMaxPathChars];
+  return ResolveModuleName(file_name, path, kMaxPathChars) != 0 && GetModuleHandleW(AsWide(path)) != nullptr;
 }
 
 std::size_t ExecutablePath(char16_t* buffer, std::size_t capacity) {

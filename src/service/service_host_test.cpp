@@ -1,0 +1,262 @@
+// The service host with a stand-in for the system: the run modes of the command line, the status
+// reports and their check points, the console run that reports nothing, a start that fails on its
+// configuration, and the execution state that follows the port locks.
+#include "service/service_host.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "components/configuration.h"
+#include "platform/errors.h"
+#include "ports/sk_connection.h"
+#include "service/run_mode.h"
+#include "service/server_registry.h"
+#include "service/service_start.h"
+#include "support/component_fixture.h"
+#include "support/wire_client.h"
+#include "test_modules.h"
+
+namespace orlenda {
+namespace {
+
+using platform::ServiceStatus;
+
+TEST(RunMode, VerbsAfterADashOrSlashInAnyCase) {
+  struct Case {
+    std::vector<const char*> args;
+    RunMode mode;
+  };
+  const Case cases[] = {
+      {{"orlenda"}, RunMode::kDispatcher},         {{"orlenda", "/DEBUG"}, RunMode::kDebug},
+      {{"orlenda", "-Debug"}, RunMode::kDebug},    {{"orlenda", "debug"}, RunMode::kDispatcher},
+      {{"orlenda", "-debugs"}, RunMode::kDispatcher}, {{"orlenda", "-frobnicate"}, RunMode::kDispatcher},
+      {{"orlenda", "-install"}, RunMode::kInstall}, {{"orlenda", "/REMOVE"}, RunMode::kRemove},
+      {{"orlenda", "-Stop"}, RunMode::kStop},      {{"orlenda", "/start", "x"}, RunMode::kStart},
+      {{"orlenda", "-"}, RunMode::kDispatcher},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(ParseRunMode(static_cast<int>(c.args.size()), c.args.data()), c.mode)
+        << (c.args.size() > 1 ? c.args[1] : "(none)");
+  }
+}
+
+// The system as a recorder: every status report, execution state and error event, in order.
+class FakeSystem : public platform::ServiceSystem {
+ public:
+  uint32_t RunDispatcher(const char16_t*, ServiceMain main) override {
+    main();
+    return 0;
+  }
+  bool RegisterControlHandler(const char16_t*, ControlHandler) override { return true; }
+  bool SetStatus(const ServiceStatus& status) override {
+    std::lock_guard<std::mutex> hold(lock);
+    statuses.push_back(status);
+    return !fail_status;
+  }
+  bool WriteErrorEvent(const char16_t* source, const char16_t* first, const char16_t* second) override {
+    std::lock_guard<std::mutex> hold(lock);
+    events.push_back(std::u16string(source) + u"|" + first + u"|" + second);
+    return true;
+  }
+  void SetExecutionState(uint32_t flags) override {
+    if (on_execution_state) on_execution_state(flags);
+    std::lock_guard<std::mutex> hold(lock);
+    execution.push_back(flags);
+  }
+  uint32_t LastError() override { return 1234; }
+  bool SetInterruptHandler(InterruptHandler) override { return true; }
+
+  // Waits until `state` was reported.
+  bool AwaitState(uint32_t state) {
+    for (int i = 0; i < 2000; ++i) {
+      {
+        std::lock_guard<std::mutex> hold(lock);
+        for (const ServiceStatus& s : statuses) {
+          if (s.current_state == state) return true;
+        }
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return false;
+  }
+
+  std::mutex lock;
+  std::vector<ServiceStatus> statuses;
+  std::vector<std::u16string> events;
+  std::vector<uint32_t> execution;
+  std::function<void(uint32_t)> on_execution_state;
+  bool fail_status = false;
+};
+
+const ServiceIdentity kIdentity = {u"Orlenda", u"Orlenda Service", u"Orlenda", u"OrlendaLog", u"OrlendaLog",
+                                   u"orlenda", nullptr, nullptr};
+
+// A body that runs until stopped.
+uint32_t WaitForStop(ServiceHost& host) {
+  host.ReportStatus(platform::kServiceRunning, 0, 0);
+  host.stop_event().Wait(platform::kInfinite);
+  return 0;
+}
+
+struct Report {
+  uint32_t state, accepted, exit_code, check_point, wait_hint;
+};
+
+void ExpectReports(const std::vector<ServiceStatus>& got, const std::vector<Report>& expected) {
+  ASSERT_EQ(got.size(), expected.size());
+  for (std::size_t i = 0; i < got.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(got[i].service_type, platform::kServiceOwnProcess);
+    EXPECT_EQ(got[i].current_state, expected[i].state);
+    EXPECT_EQ(got[i].controls_accepted, expected[i].accepted);
+    EXPECT_EQ(got[i].win32_exit_code, expected[i].exit_code);
+    EXPECT_EQ(got[i].check_point, expected[i].check_point);
+    EXPECT_EQ(got[i].wait_hint, expected[i].wait_hint);
+  }
+}
+
+TEST(ServiceHostTest, StatusReportsAndCheckPointsInOrder) {
+  FakeSystem system;
+  ServiceHost host(kIdentity, &WaitForStop, system);
+  std::thread service([&] { host.ServiceMain(); });
+  ASSERT_TRUE(system.AwaitState(platform::kServiceRunning));
+  host.OnControl(4);  // interrogate: the state again
+  host.OnControl(platform::kServiceControlStop);
+  service.join();
+  ExpectReports(system.statuses, {{platform::kServiceStartPending, 0, 0, 1, 3000},
+                                  {platform::kServiceRunning, 1, 0, 0, 0},
+                                  {platform::kServiceRunning, 1, 0, 0, 0},
+                                  {platform::kServiceStopPending, 1, 0, 2, 0},
+                                  {platform::kServiceStopped, 1, 0, 0, 0}});
+  EXPECT_TRUE(system.events.empty());
+}
+
+TEST(ServiceHostTest, AFailedReportGoesToTheEventLogAndBecomesTheExitCode) {
+  FakeSystem system;
+  system.fail_status = true;
+  ServiceHost host(kIdentity, &WaitForStop, system);
+  host.ServiceMain();  // the start-pending report fails: the body never runs
+  ASSERT_EQ(system.statuses.size(), 2u);
+  EXPECT_EQ(system.statuses[1].current_state, platform::kServiceStopped);
+  EXPECT_EQ(system.statuses[1].win32_exit_code, 1234u);
+  ASSERT_EQ(system.events.size(), 2u);
+  EXPECT_EQ(system.events[0], u"Orlenda|Orlenda error: 1234|Orlenda Service: SetServiceStatus failed.");
+}
+
+TEST(ServiceHostTest, TheConsoleRunReportsNothingAndReadsTheResultInReverse) {
+  FakeSystem system;
+  ServiceHost host(kIdentity, [](ServiceHost& h) -> uint32_t { return h.ReportStatus(5, 0, 0) ? 0u : 1u; }, system);
+  const char* args[] = {"orlenda", "-debug"};
+  // A normal stop (0) exits with the thread's last error; a failed start would exit with 0.
+  EXPECT_EQ(host.Main(2, args), 1234);
+  EXPECT_TRUE(system.statuses.empty());
+  host.ReportError(u"nothing");
+  EXPECT_TRUE(system.events.empty());
+}
+
+// ServiceStart itself, on the data folder of this test process.
+class ServiceStartTest : public testing::ConfigurationFixture {
+ protected:
+  void WriteBrokerConfiguration(const char16_t* tcp = u"Enable") {
+    testing::WriteConfiguration({{u"loopback", ORLENDA_LOOPBACK_MODULE}}, {{u"/stack/LOOP/loopback/note", u""}});
+    port_ = testing::FreeTcpPort();
+    testing::SetNumberOnFile(u"/TCP_COMMUNICATION_PORT", port_);
+    CPropertyHandler properties{WString(u"Orlenda.properties")};
+    ASSERT_TRUE(properties.SetString(u"LOOP/1/PortName", u"test"));
+    ASSERT_TRUE(properties.SetString(u"/SK_TCP_COMMUNICATION", tcp));
+  }
+  // Runs ServiceStart under ServiceMain on a thread until `work` is done.
+  void RunService(const std::function<void()>& work) {
+    ServiceHost host(kIdentity, &ServiceStart, system_);
+    std::thread service([&] { host.ServiceMain(); });
+    if (system_.AwaitState(platform::kServiceRunning)) work();
+    host.OnControl(platform::kServiceControlStop);
+    service.join();
+  }
+  bool TcpListens() {
+    testing::WireClient client;
+    return client.ConnectTcp(port_) == platform::kErrorSuccess;
+  }
+
+  FakeSystem system_;
+  uint16_t port_ = 0;
+};
+
+TEST_F(ServiceStartTest, AConfigurationThatCannotLoadStopsWithExitCodeThree) {
+  CPropertyHandler store{WString(u"Orlenda.configuration")};  // no components: the load fails
+  ASSERT_TRUE(store.SetString(u"/note", u"empty"));
+  ServiceHost host(kIdentity, &ServiceStart, system_);
+  host.ServiceMain();
+  ASSERT_GE(system_.statuses.size(), 2u);
+  EXPECT_EQ(system_.statuses[1].current_state, platform::kServiceStopped);
+  EXPECT_EQ(system_.statuses[1].win32_exit_code, kStartFailedExitCode);
+  for (const ServiceStatus& s : system_.statuses) EXPECT_NE(s.current_state, platform::kServiceRunning);
+}
+
+TEST_F(ServiceStartTest, TheMachineStaysAwakeOnlyWhileAPortIsLocked) {
+  WriteBrokerConfiguration();
+  const uint32_t awake = platform::kExecutionContinuous | platform::kExecutionSystemRequired;
+  const auto await_last = [&](uint32_t flags) {
+    for (int i = 0; i < 1000; ++i) {
+      {
+        std::lock_guard<std::mutex> hold(system_.lock);
+        if (!system_.execution.empty() && system_.execution.back() == flags) return true;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return false;
+  };
+  RunService([&] {
+    EXPECT_EQ(RegisteredServerCount(), 2u);
+    EXPECT_TRUE(TcpListens());
+    LocalConnection c;
+    WString name(u"LOOP/1");
+    ASSERT_EQ(c.Open(&name), SKR_SUCCESS);
+    BlobRef out;
+    ASSERT_EQ(c.Ioctl(SK_PORT_LOCK, BlobRef::Adopt(DwordBlobCreate(1)), &out), SKR_SUCCESS);
+    EXPECT_TRUE(await_last(awake));
+    ASSERT_EQ(c.Ioctl(SK_PORT_LOCK, BlobRef::Adopt(DwordBlobCreate(2)), &out), SKR_SUCCESS);
+    EXPECT_TRUE(await_last(platform::kExecutionContinuous));
+    ASSERT_EQ(c.Close(), SKR_SUCCESS);
+  });
+  // Locked, unlocked, and let sleep on the way out (the close's own change may come in between).
+  ASSERT_GE(system_.execution.size(), 3u);
+  EXPECT_EQ(system_.execution[0], awake);
+  for (std::size_t i = 1; i < system_.execution.size(); ++i) EXPECT_EQ(system_.execution[i], platform::kExecutionContinuous);
+}
+
+TEST_F(ServiceStartTest, AStopWhileLockedLetsTheMachineSleepBeforeTheServersGo) {
+  WriteBrokerConfiguration();
+  std::vector<bool> listening;
+  system_.on_execution_state = [&](uint32_t) { listening.push_back(TcpListens()); };
+  testing::WireClient holder;
+  RunService([&] {
+    ASSERT_EQ(holder.ConnectTcp(port_), platform::kErrorSuccess);
+    ASSERT_EQ(holder.Call(testing::OpenFrame(1, u"LOOP/1")), SKR_SUCCESS);
+    ASSERT_EQ(holder.Call(testing::IoctlFrame(2, SK_PORT_LOCK, testing::DwordBytes(1))), SKR_SUCCESS);
+    for (int i = 0; i < 400 && listening.empty(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  });
+  const uint32_t awake = platform::kExecutionContinuous | platform::kExecutionSystemRequired;
+  EXPECT_EQ(system_.execution, (std::vector<uint32_t>{awake, platform::kExecutionContinuous}));
+  EXPECT_EQ(listening, (std::vector<bool>{true, true}));  // the servers were still there both times
+  EXPECT_TRUE(holder.AwaitClosed(5000));
+  EXPECT_EQ(RegisteredServerCount(), 0u);
+}
+
+TEST_F(ServiceStartTest, WithTcpSwitchedOffTheServiceRunsOnThePipeAlone) {
+  WriteBrokerConfiguration(u"Disable");
+  RunService([&] {
+    EXPECT_EQ(RegisteredServerCount(), 2u);  // registered all the same, and idle
+    EXPECT_FALSE(TcpListens());
+  });
+  EXPECT_EQ(system_.statuses.back().win32_exit_code, 0u);
+}
+
+}  // namespace
+}  // namespace orlenda
