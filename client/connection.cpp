@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "platform/errors.h"
@@ -67,12 +68,9 @@ uint32_t Connection::Call(uint32_t code, const void* head, std::size_t head_size
   if (total > 0xFFFFFFFFu) return SKC_INVALID_ARGUMENT;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(options_.call_timeout_ms);
 
-  std::vector<uint8_t> frame;
-  try {
-    frame.resize(static_cast<std::size_t>(total));
-  } catch (const std::bad_alloc&) {
-    return SKC_OUT_OF_MEMORY;
-  }
+  // Not zero-filled: every byte is written below (a 64 KiB Write would pay for it twice).
+  std::unique_ptr<uint8_t[]> frame(new (std::nothrow) uint8_t[static_cast<std::size_t>(total)]);
+  if (!frame) return SKC_OUT_OF_MEMORY;
   const uint64_t tag = next_tag_.fetch_add(1, std::memory_order_relaxed);
   PutLe32(&frame[0], static_cast<uint32_t>(total));
   PutLe32(&frame[4], code);
@@ -90,7 +88,7 @@ uint32_t Connection::Call(uint32_t code, const void* head, std::size_t head_size
     if (now_lost != SKR_SUCCESS) return now_lost;
     pending_[tag] = &pending;
   }
-  if (channel_.Send(frame.data(), frame.size(), options_.call_timeout_ms) == platform::kErrorSuccess) {
+  if (channel_.Send(frame.get(), static_cast<std::size_t>(total), options_.call_timeout_ms) == platform::kErrorSuccess) {
     last_send_.store(platform::TickCountMs(), std::memory_order_relaxed);
   } else {
     Lose(SKC_CONNECTION_LOST);  // part of the frame may have gone: the stream is out of step
