@@ -152,13 +152,21 @@ std::pair<std::vector<double>, std::vector<double>> BestOf(const Measure& measur
   return {best[0], best[1]};
 }
 
+// Context switches of this process so far, voluntary and not.
+double ContextSwitches() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_nvcsw + usage.ru_nivcsw);
+}
+
 // Writes of `size` bytes from `count` clients at once, each waiting for its reply before the
-// next; calls per second.
-double Rate(const Target& target, int count, std::size_t size, double seconds) {
+// next: calls per second, and the context switches of the process per call (clients and server
+// together; the clients are the same for both servers).
+std::vector<double> Rate(const Target& target, int count, std::size_t size, double seconds) {
   std::vector<std::unique_ptr<skein::Client>> clients;
   for (int i = 0; i < count; ++i) {
     clients.push_back(std::make_unique<skein::Client>());
-    if (!Ready(*clients.back(), target, i)) return 0;
+    if (!Ready(*clients.back(), target, i)) return {0, 0};
   }
   const std::string data(size, 'w');
   std::atomic<bool> go{false};
@@ -180,6 +188,7 @@ double Rate(const Target& target, int count, std::size_t size, double seconds) {
       done += mine;
     });
   }
+  const double switches = ContextSwitches();
   const Clock::time_point start = Clock::now();
   go = true;
   std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
@@ -187,7 +196,8 @@ double Rate(const Target& target, int count, std::size_t size, double seconds) {
   for (auto& thread : threads) thread.join();
   const double spent = std::chrono::duration<double>(Clock::now() - start).count();
   if (failed != 0) std::fprintf(stderr, "broker_bench: %d clients failed\n", failed.load());
-  return static_cast<double>(done) / spent;
+  const double calls = static_cast<double>(done);
+  return {calls / spent, calls > 0 ? (ContextSwitches() - switches) / calls : 0};
 }
 
 double CpuSeconds(long pid) {
@@ -249,7 +259,7 @@ int HoldIdleClients(const std::string& address, int count, double seconds) {
 // One figure of both servers, and the broker's as a ratio to the echo's.
 void Row(const std::string& what, double broker, double echo, const char* unit, const char* target) {
   const double ratio = echo > 0 ? broker / echo : 0;
-  std::printf("%-40s %11.1f %11.1f %-6s %6.2fx  %s\n", what.c_str(), broker, echo, unit, ratio, target);
+  std::printf("%-40s %11.2f %11.2f %-6s %6.2fx  %s\n", what.c_str(), broker, echo, unit, ratio, target);
 }
 
 int Run(const Options& options, const char* self) {
@@ -306,16 +316,17 @@ int Run(const Options& options, const char* self) {
   for (const Transport& t : transports) {
     if (!wanted("rate")) break;
     for (int clients : {16, 63}) {
-      const auto rates = BestOf([&](const Target& target) { return std::vector<double>{Rate(target, clients, 16, s)}; },
-                                *t.broker, *t.echo, false);
+      const auto rates = BestOf([&](const Target& target) { return Rate(target, clients, 16, s); }, *t.broker,
+                                *t.echo, false);
       Row(std::string("requests/s, ") + std::to_string(clients) + " clients, " + t.name, rates.first[0],
           rates.second[0], "req/s", "target >= 0.50x");
+      Row("  context switches per request", rates.first[1], rates.second[1], "", "");
     }
   }
   for (const Transport& t : transports) {
     if (!wanted("64k")) break;
-    const auto rates = BestOf([&](const Target& target) { return std::vector<double>{Rate(target, 1, 65536, s)}; },
-                              *t.broker, *t.echo, false);
+    const auto rates = BestOf([&](const Target& target) { return Rate(target, 1, 65536, s); }, *t.broker, *t.echo,
+                              false);
     Row(std::string("64 KiB writes, ") + t.name, rates.first[0] * 65536 / 1e6, rates.second[0] * 65536 / 1e6, "MB/s",
         "target >= 0.70x");
   }
