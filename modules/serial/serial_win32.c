@@ -7,6 +7,8 @@
 
 /* How often the modem lines are looked at while a read is pending. */
 #define LINE_POLL_MS 200u
+/* The longest one WriteFile runs before it reports what went out. */
+#define WRITE_SLICE_MS 100u
 
 struct DevDevice {
   HANDLE handle;
@@ -58,13 +60,17 @@ static int ApplyLineSettings(HANDLE handle, const SerialSettings* s) {
   dcb.fNull = FALSE;
   dcb.fAbortOnError = FALSE;
   if (!SetCommState(handle, &dcb)) return 0;
-  /* A read returns as soon as a byte is there, and waits for the first one as long as it may;
-   * writes have no time-out of the driver's own (the module's wait bounds them). */
-  timeouts.ReadIntervalTimeout = MAXDWORD;
-  timeouts.ReadTotalTimeoutMultiplier = MAXDWORD;
-  timeouts.ReadTotalTimeoutConstant = MAXDWORD - 1;
+  /* A read waits for its first byte without a bound and returns once the line has been quiet
+   * for 10 ms after it (or the buffer is full). The form "MAXDWORD, MAXDWORD, n" (return at the
+   * first byte) would do as well on Windows, but Wine never completes such a read. A write ends
+   * after at most WRITE_SLICE_MS with what the driver took by then, and SerialWrite goes on with
+   * the rest until the port's time-out: so a write always reports what went out, also where a
+   * pending write would not be completed when the device takes data again (Wine). */
+  timeouts.ReadIntervalTimeout = 10;
+  timeouts.ReadTotalTimeoutMultiplier = 0;
+  timeouts.ReadTotalTimeoutConstant = 0;
   timeouts.WriteTotalTimeoutMultiplier = 0;
-  timeouts.WriteTotalTimeoutConstant = 0;
+  timeouts.WriteTotalTimeoutConstant = WRITE_SLICE_MS;
   return SetCommTimeouts(handle, &timeouts);
 }
 
@@ -129,6 +135,10 @@ int SerialConnect(const void* raw, DevWaker* waker, DevDevice** out, uint32_t* l
   return 1;
 }
 
+/* A call that ended at one of the driver's time-outs took what its count says; Wine reports that
+ * as a failure with ERROR_TIMEOUT, Windows as a success. */
+static int TimedOut(DWORD error) { return error == ERROR_TIMEOUT || error == ERROR_SEM_TIMEOUT; }
+
 /* Ends a pending overlapped call and takes its count. */
 static DWORD CancelAndCount(DevDevice* device, OVERLAPPED* call) {
   DWORD done = 0;
@@ -184,49 +194,82 @@ DevIo SerialRead(DevDevice* device, unsigned char* buffer, uint32_t capacity, ui
   }
   device->read_pending = 0;
   if (!GetOverlappedResult(device->handle, &device->read, &done, FALSE)) {
-    /* A USB adapter pulled out ends its reads with an error. */
-    DevTextReason(reason, &device->name, "device lost", GetLastError());
-    return DEV_IO_LOST;
+    const DWORD error = GetLastError();
+    if (!TimedOut(error)) {
+      /* A USB adapter pulled out ends its reads with an error. */
+      DevTextReason(reason, &device->name, "device lost", error);
+      return DEV_IO_LOST;
+    }
+    done = (DWORD)device->read.InternalHigh;
   }
   *got = done;
   return done != 0 ? DEV_IO_DONE : DEV_IO_IDLE;
 }
 
-DevIo SerialWrite(DevDevice* device, const unsigned char* data, uint32_t size, uint32_t timeout_ms, uint32_t* written,
-                  DevText* reason) {
+/* One overlapped write of `size` bytes, waited for until `until`: DONE when it completed (with
+ * `done` bytes, which may be fewer than asked), else TIMEOUT, CANCELLED or LOST, with `done` what
+ * the driver had taken before the cancel. */
+static DevIo WriteOnce(DevDevice* device, const unsigned char* data, uint32_t size, uint64_t until, DWORD* done,
+                       DevText* reason) {
   HANDLE waits[2];
-  DWORD done = 0, waited;
-  *written = 0;
+  const uint64_t now = DevNowMs();
+  DWORD waited, error;
+  *done = 0;
   ResetEvent(device->write.hEvent);
   if (WriteFile(device->handle, data, size, NULL, &device->write)) {
-    GetOverlappedResult(device->handle, &device->write, &done, FALSE);
-    *written = done;
-    return done == size ? DEV_IO_DONE : DEV_IO_TIMEOUT;
+    GetOverlappedResult(device->handle, &device->write, done, FALSE);
+    return DEV_IO_DONE;
   }
-  if (GetLastError() != ERROR_IO_PENDING) {
-    DevTextReason(reason, &device->name, "write failed", GetLastError());
+  error = GetLastError();
+  if (TimedOut(error)) {
+    *done = (DWORD)device->write.InternalHigh;
+    return DEV_IO_DONE;
+  }
+  if (error != ERROR_IO_PENDING) {
+    DevTextReason(reason, &device->name, "write failed", error);
     return DEV_IO_LOST;
   }
   waits[0] = device->write.hEvent;
   waits[1] = device->waker->event;
-  waited = WaitForMultipleObjects(2, waits, FALSE, timeout_ms);
+  waited = WaitForMultipleObjects(2, waits, FALSE, now >= until ? 0 : (DWORD)(until - now));
   if (waited == WAIT_OBJECT_0) {
-    if (!GetOverlappedResult(device->handle, &device->write, &done, FALSE)) {
-      const DWORD error = GetLastError();
-      *written = CancelAndCount(device, &device->write);
-      DevTextReason(reason, &device->name, "write failed", error);
-      return DEV_IO_LOST;
+    if (GetOverlappedResult(device->handle, &device->write, done, FALSE)) return DEV_IO_DONE;
+    error = GetLastError();
+    if (TimedOut(error)) {
+      *done = (DWORD)device->write.InternalHigh;
+      return DEV_IO_DONE;
     }
-    *written = done;
-    return done == size ? DEV_IO_DONE : DEV_IO_TIMEOUT;
+    *done = CancelAndCount(device, &device->write);
+    DevTextReason(reason, &device->name, "write failed", error);
+    return DEV_IO_LOST;
   }
+  error = GetLastError();
   /* Out of time, woken, or the wait failed: the driver reports what it took before the cancel. */
-  *written = CancelAndCount(device, &device->write);
-  if (*written == size) return DEV_IO_DONE;
+  *done = CancelAndCount(device, &device->write);
+  if (*done == size) return DEV_IO_DONE;
   if (waited == WAIT_TIMEOUT) return DEV_IO_TIMEOUT;
   if (waited == WAIT_OBJECT_0 + 1) return DEV_IO_CANCELLED;
-  DevTextReason(reason, &device->name, "cannot wait for output", GetLastError());
+  DevTextReason(reason, &device->name, "cannot wait for output", error);
   return DEV_IO_LOST;
+}
+
+DevIo SerialWrite(DevDevice* device, const unsigned char* data, uint32_t size, uint32_t timeout_ms, uint32_t* written,
+                  DevText* reason) {
+  /* A driver may complete a write with part of the bytes (Wine's does, on a full pseudo-terminal):
+   * the rest goes in further writes until the time is up. */
+  const uint64_t until = DevNowMs() + timeout_ms;
+  *written = 0;
+  while (*written < size) {
+    DWORD done = 0;
+    const DevIo io = WriteOnce(device, data + *written, size - *written, until, &done, reason);
+    *written += done;
+    if (io != DEV_IO_DONE) return io;
+    if (done == 0) {
+      if (DevNowMs() >= until) return DEV_IO_TIMEOUT;
+      Sleep(1); /* the driver took nothing and said so at once: do not spin */
+    }
+  }
+  return DEV_IO_DONE;
 }
 
 void SerialDisconnect(DevDevice* device) {
