@@ -1,0 +1,150 @@
+// The network printer module through the port layer, against a fake printer on 127.0.0.1: bytes
+// both ways, the printer switched off and on, a printer that stops reading, a suspend.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "device/device_test_fixture.h"
+#include "netprinter/fake_printer.h"
+
+namespace orlenda::device_testing {
+namespace {
+
+constexpr char16_t kPort[] = u"printer/p1";
+
+std::string Pattern(std::size_t size) {
+  std::string bytes(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 131 + i / 251) & 0xFF);
+  return bytes;
+}
+
+class NetPrinterTest : public DeviceTest {
+ protected:
+  void ConfigurePrinter(uint32_t write_timeout_ms = 5000) {
+    Configure(kPort, {{u"NETPRINTER_HOST", u"127.0.0.1"},
+                      {u"NETPRINTER_PORT", Number(printer_.port())},
+                      {u"NETPRINTER_RECONNECT_INTERVAL", u"100"},
+                      {u"NETPRINTER_WRITE_TIMEOUT", Number(write_timeout_ms)}});
+  }
+  static std::u16string Number(uint32_t value) {
+    const std::string text = std::to_string(value);
+    return std::u16string(text.begin(), text.end());
+  }
+  // Opens the port and waits until it is online.
+  void OpenOnline(DeviceClient& client) {
+    ConfigurePrinter();
+    ASSERT_EQ(client.Open(kPort), SKR_SUCCESS);
+    ASSERT_TRUE(client.WaitOnline(true));
+  }
+
+  FakePrinter printer_;
+};
+
+TEST_F(NetPrinterTest, SwitchedOffAndOnTheSamePortWorksAgainWithNothingSentTwice) {
+  ASSERT_TRUE(printer_.listening());
+  DeviceClient client;
+  OpenOnline(client);
+  uint32_t written = 0;
+  ASSERT_EQ(client.Write("ABC" + kStatusRequest, &written), SKR_SUCCESS);
+  EXPECT_EQ(written, 6u);
+  ASSERT_TRUE(WaitUntil([&] { return client.Data() == std::string(1, kFakePrinterStatus); })) << client.Data();
+
+  printer_.SwitchOff();
+  ASSERT_TRUE(client.WaitCount(SK_EVENT_DEVICE_OFFLINE, 1));
+  const std::string reason = client.LastText(SK_EVENT_DEVICE_OFFLINE);
+  EXPECT_NE(reason.find("127.0.0.1:" + std::to_string(printer_.port()) + ": "), std::string::npos) << reason;
+  EXPECT_EQ(client.State() & SK_DEVICE_STATE_ONLINE, 0u);
+  for (int i = 0; i < 3; ++i) {  // a write while offline fails at once and sends nothing
+    written = 99;
+    EXPECT_EQ(client.Write("lost", &written), SKR_DEVICE_OFFLINE);
+    EXPECT_EQ(written, 0u);
+  }
+
+  ASSERT_TRUE(printer_.SwitchOn());
+  ASSERT_TRUE(client.WaitCount(SK_EVENT_DEVICE_ONLINE, 2));
+  EXPECT_EQ(client.LastText(SK_EVENT_DEVICE_ONLINE), "127.0.0.1:" + std::to_string(printer_.port()));
+  ASSERT_EQ(client.Write("DEF" + kStatusRequest, &written), SKR_SUCCESS);
+  ASSERT_TRUE(WaitUntil([&] { return printer_.ReceivedSize() >= 12; }));
+  EXPECT_EQ(printer_.Received(), "ABC" + kStatusRequest + "DEF" + kStatusRequest);
+  ASSERT_TRUE(WaitUntil([&] { return client.Data().size() == 2; }));
+  EXPECT_EQ(client.Count(SK_EVENT_DEVICE_OFFLINE), 1);  // once, whatever the retries in between
+  EXPECT_EQ(client.Count(SK_EVENT_DEVICE_ONLINE), 2);
+  EXPECT_EQ(printer_.Connections(), 2);
+  EXPECT_EQ(client.Close(), SKR_SUCCESS);
+}
+
+TEST_F(NetPrinterTest, APrinterAbsentAtOpenComesOnlineWhenItAppears) {
+  printer_.SwitchOff();
+  ConfigurePrinter();
+  DeviceClient client;
+  ASSERT_EQ(client.Open(kPort), SKR_SUCCESS);  // does not wait for the printer
+  EXPECT_EQ(client.State(), 0u);
+  uint32_t written = 99;
+  EXPECT_EQ(client.Write("x", &written), SKR_DEVICE_OFFLINE);
+  EXPECT_EQ(written, 0u);
+  ASSERT_TRUE(printer_.SwitchOn());
+  ASSERT_TRUE(client.WaitOnline(true));
+  EXPECT_EQ(client.Write("hello", &written), SKR_SUCCESS);
+  ASSERT_TRUE(WaitUntil([&] { return printer_.ReceivedSize() == 5; }));
+  EXPECT_EQ(printer_.Received(), "hello");
+  EXPECT_EQ(client.Close(), SKR_SUCCESS);
+}
+
+TEST_F(NetPrinterTest, WritesGoOutWholeOrStopAtTheTimeoutSayingHowMuchWentOut) {
+  struct Case {
+    std::size_t size;
+    bool printer_reads;
+    uint32_t result;
+  };
+  const Case cases[] = {
+      {1u << 20, true, SKR_SUCCESS},
+      {64u << 20, false, SKR_DEVICE_TIMEOUT},  // far beyond what the socket buffers hold
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.size);
+    const std::size_t before = printer_.ReceivedSize();
+    ConfigurePrinter(c.printer_reads ? 10000 : 300);
+    DeviceClient client;
+    ASSERT_EQ(client.Open(kPort), SKR_SUCCESS);
+    ASSERT_TRUE(client.WaitOnline(true));
+    if (!c.printer_reads) printer_.StopReading();
+    const std::string data = Pattern(c.size);
+    uint32_t written = 0;
+    EXPECT_EQ(client.Write(data, &written), c.result);
+    if (c.result == SKR_SUCCESS) {
+      EXPECT_EQ(written, c.size);
+    } else {
+      EXPECT_LT(written, c.size);
+    }
+    printer_.ResumeReading();
+    ASSERT_TRUE(WaitUntil([&] { return printer_.ReceivedSize() >= before + written; }));
+    // Exactly what the write reported went out, the first bytes of it and nothing else; the port
+    // is still online and takes the next write.
+    EXPECT_EQ(client.Write("tail", nullptr), SKR_SUCCESS);
+    ASSERT_TRUE(WaitUntil([&] { return printer_.ReceivedSize() >= before + written + 4; }));
+    EXPECT_TRUE(printer_.Received().substr(before) == data.substr(0, written) + "tail");
+    EXPECT_EQ(client.Close(), SKR_SUCCESS);
+  }
+}
+
+TEST_F(NetPrinterTest, ASuspendClosesTheConnectionAndTheResumeOpensItAgain) {
+  DeviceClient client;
+  OpenOnline(client);
+  ASSERT_TRUE(WaitUntil([&] { return printer_.Connected(); }));
+  PortTable::PowerTransition(4);  // the system suspends
+  ASSERT_TRUE(client.WaitCount(SK_EVENT_DEVICE_OFFLINE, 1));
+  EXPECT_EQ(client.State(), SK_DEVICE_STATE_SUSPENDED);
+  EXPECT_TRUE(WaitUntil([&] { return !printer_.Connected(); }));
+  EXPECT_EQ(client.Write("x"), SKR_SUSPENDED);
+
+  PortTable::PowerTransition(7);  // and resumes
+  ASSERT_TRUE(client.WaitCount(SK_EVENT_DEVICE_ONLINE, 2));
+  EXPECT_EQ(client.Write("after"), SKR_SUCCESS);
+  ASSERT_TRUE(WaitUntil([&] { return printer_.ReceivedSize() == 5; }));
+  EXPECT_EQ(printer_.Received(), "after");
+  EXPECT_EQ(printer_.Connections(), 2);
+  EXPECT_EQ(client.Close(), SKR_SUCCESS);
+}
+
+}  // namespace
+}  // namespace orlenda::device_testing

@@ -1,0 +1,280 @@
+// The serial module on POSIX through the port layer, over pseudo-terminals: the module opens the
+// terminal's tty side (through a link in a folder of the test's own, which the port's
+// SERIAL_DEVICE names), the test plays the device on the other side.
+//
+// A pseudo-terminal keeps the speed, stop bits, flow control and mark/space bits it is given but
+// always reports 8 data bits without parity, and has no modem lines: those are not checked here.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <thread>
+
+#include "device/device_test_fixture.h"
+
+namespace orlenda::device_testing {
+namespace {
+
+constexpr char16_t kPort[] = u"serial/dev1";
+
+// The device side of a pseudo-terminal.
+class Pty {
+ public:
+  Pty() {
+    master_ = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (master_ >= 0 && grantpt(master_) == 0 && unlockpt(master_) == 0) tty_ = ptsname(master_);
+  }
+  ~Pty() { Close(); }
+  Pty(const Pty&) = delete;
+  Pty& operator=(const Pty&) = delete;
+
+  bool ok() const { return !tty_.empty(); }
+  const std::string& tty() const { return tty_; }
+  void Close() {
+    if (master_ >= 0) close(master_);
+    master_ = -1;
+  }
+
+  void Write(const std::string& bytes) {
+    for (std::size_t at = 0; at < bytes.size();) {
+      const ssize_t n = write(master_, bytes.data() + at, bytes.size() - at);
+      if (n > 0) at += static_cast<std::size_t>(n);
+      if (n < 0 && !Wait(POLLOUT, 1000)) return;
+    }
+  }
+  // Reads until `count` bytes came or nothing came for `quiet_ms` (within the tests' bound).
+  std::string Read(std::size_t count, int quiet_ms = 1000) {
+    std::string bytes;
+    char buffer[65536];
+    const auto deadline = std::chrono::steady_clock::now() + kBound;
+    while (bytes.size() < count && std::chrono::steady_clock::now() < deadline && Wait(POLLIN, quiet_ms)) {
+      const ssize_t n = read(master_, buffer, sizeof buffer);
+      if (n <= 0) break;
+      bytes.append(buffer, static_cast<std::size_t>(n));
+    }
+    return bytes;
+  }
+  // The tty side's settings (the master reads them for its tty).
+  termios Attributes() const {
+    termios t{};
+    tcgetattr(master_, &t);
+    return t;
+  }
+
+ private:
+  bool Wait(short events, int ms) {
+    pollfd p{master_, events, 0};
+    return poll(&p, 1, ms) > 0 && (p.revents & events) != 0;
+  }
+  int master_ = -1;
+  std::string tty_;
+};
+
+class SerialTest : public DeviceTest {
+ protected:
+  void SetUp() override {
+    DeviceTest::SetUp();
+    char folder[] = "/tmp/orlenda-serial-XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    folder_ = folder;
+    link_ = folder_ + "/printer";
+  }
+  void TearDown() override {
+    unlink(link_.c_str());
+    unlink((link_ + ".new").c_str());
+    rmdir(folder_.c_str());
+    DeviceTest::TearDown();
+  }
+
+  // Points the stable link at `target` in one step, as a device node that comes and goes would.
+  void LinkTo(const std::string& target) {
+    const std::string next = link_ + ".new";
+    unlink(next.c_str());
+    ASSERT_EQ(symlink(target.c_str(), next.c_str()), 0);
+    ASSERT_EQ(rename(next.c_str(), link_.c_str()), 0);
+  }
+
+  void ConfigureSerial(std::vector<std::pair<const char16_t*, std::u16string>> settings = {},
+                       const char16_t* port = kPort) {
+    settings.push_back({u"SERIAL_DEVICE", std::u16string(link_.begin(), link_.end())});
+    settings.push_back({u"SERIAL_RECONNECT_INTERVAL", u"100"});
+    Configure(port, settings);
+  }
+
+  std::string folder_, link_;
+};
+
+TEST_F(SerialTest, LineSettingsReachTheTtyInRawMode) {
+  struct Case {
+    const char16_t* port;
+    std::vector<std::pair<const char16_t*, std::u16string>> settings;
+    speed_t speed;
+    tcflag_t cflags;  // of CSTOPB, CRTSCTS, CMSPAR
+    tcflag_t iflags;  // of IXON, IXOFF
+  };
+  const Case cases[] = {
+      {u"serial/a", {}, B9600, 0, 0},  // the documented defaults: 9600, 1 stop bit, no flow control
+      {u"serial/b",
+       {{u"SERIAL_BAUD_RATE", u"19200"}, {u"SERIAL_STOP_BITS", u"2"}, {u"SERIAL_FLOW_CONTROL", u"RtsCts"}},
+       B19200, CSTOPB | CRTSCTS, 0},
+      {u"serial/c",
+       {{u"SERIAL_BAUD_RATE", u"115200"}, {u"SERIAL_PARITY", u"Mark"}, {u"SERIAL_FLOW_CONTROL", u"XonXoff"}},
+       B115200, CMSPAR, IXON | IXOFF},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.speed);
+    Pty pty;
+    ASSERT_TRUE(pty.ok());
+    LinkTo(pty.tty());
+    ConfigureSerial(c.settings, c.port);
+    DeviceClient client;
+    ASSERT_EQ(client.Open(c.port), SKR_SUCCESS);
+    ASSERT_TRUE(client.WaitOnline(true));
+    const termios t = pty.Attributes();
+    EXPECT_EQ(cfgetospeed(&t), c.speed);
+    EXPECT_EQ(cfgetispeed(&t), c.speed);
+    EXPECT_EQ(t.c_cflag & (CSTOPB | CRTSCTS | CMSPAR), c.cflags);
+    EXPECT_EQ(t.c_iflag & (IXON | IXOFF), c.iflags);
+    EXPECT_EQ(t.c_lflag & (ICANON | ECHO | ISIG), 0u);  // raw: bytes pass untouched
+    EXPECT_EQ(t.c_oflag & OPOST, 0u);
+    EXPECT_EQ(client.Close(), SKR_SUCCESS);
+  }
+}
+
+TEST_F(SerialTest, BytesGoBothWaysInOrderAndALargeWriteArrivesWhole) {
+  Pty pty;
+  ASSERT_TRUE(pty.ok());
+  LinkTo(pty.tty());
+  ConfigureSerial();
+  DeviceClient client;
+  ASSERT_EQ(client.Open(kPort), SKR_SUCCESS);
+  ASSERT_TRUE(client.WaitOnline(true));
+  EXPECT_EQ(client.LastText(SK_EVENT_DEVICE_ONLINE), link_);
+
+  const std::string out("\x1b@hello\r\n\x00\xff", 11);
+  uint32_t written = 0;
+  ASSERT_EQ(client.Write(out, &written), SKR_SUCCESS);
+  EXPECT_EQ(written, out.size());
+  EXPECT_EQ(pty.Read(out.size()), out);
+
+  std::string answers;
+  for (int i = 0; i < 50; ++i) answers += std::string(1, static_cast<char>(i)) + "status";
+  pty.Write(answers.substr(0, 100));
+  pty.Write(answers.substr(100));
+  ASSERT_TRUE(WaitUntil([&] { return client.Data().size() >= answers.size(); }));
+  EXPECT_EQ(client.Data(), answers);
+
+  std::string large(1u << 20, '\0');
+  for (std::size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 7 + i / 4099);
+  std::string received;
+  std::thread device([&] { received = pty.Read(large.size()); });
+  EXPECT_EQ(client.Write(large, &written), SKR_SUCCESS);
+  device.join();
+  EXPECT_EQ(written, large.size());
+  EXPECT_TRUE(received == large) << received.size();
+  EXPECT_EQ(client.Close(), SKR_SUCCESS);
+}
+
+TEST_F(SerialTest, AWriteTheDeviceStopsTakingEndsAtTheTimeoutSayingHowMuchWentOut) {
+  struct Case {
+    const char16_t* flow;
+    bool send_xoff;  // else the device merely stops reading
+  };
+  for (const Case& c : {Case{u"XonXoff", true}, Case{u"None", false}}) {
+    SCOPED_TRACE(c.send_xoff);
+    Pty pty;
+    ASSERT_TRUE(pty.ok());
+    LinkTo(pty.tty());
+    ConfigureSerial({{u"SERIAL_FLOW_CONTROL", c.flow}, {u"SERIAL_WRITE_TIMEOUT", u"300"}});
+    DeviceClient client;
+    ASSERT_EQ(client.Open(kPort), SKR_SUCCESS);
+    ASSERT_TRUE(client.WaitOnline(true));
+    std::string probes;  // what went out before the tty took the XOFF
+    if (c.send_xoff) {
+      pty.Write("\x13");
+      ASSERT_TRUE(WaitUntil([&] {  // the tty has taken the XOFF once a write gets nothing through
+        uint32_t probe = 0;
+        const uint32_t result = client.Write("P", &probe);
+        probes.append(probe, 'P');
+        return result == SKR_DEVICE_TIMEOUT && probe == 0;
+      }));
+    }
+    const std::string data(1u << 20, 'd');
+    uint32_t written = 0xFFFFFFFFu;
+    EXPECT_EQ(client.Write(data, &written), SKR_DEVICE_TIMEOUT);
+    ASSERT_LT(written, data.size());
+    if (!c.send_xoff) {
+      EXPECT_GT(written, 0u);  // the terminal's buffer took a part before it filled
+    }
+    if (c.send_xoff) pty.Write("\x11");
+    // What the write reported is exactly what the device gets, and the port goes on working.
+    EXPECT_EQ(pty.Read(probes.size() + written + 1, 300), probes + std::string(written, 'd'));
+    EXPECT_EQ(client.Write("next", nullptr), SKR_SUCCESS);
+    EXPECT_EQ(pty.Read(4), "next");
+    EXPECT_EQ(client.State() & SK_DEVICE_STATE_ONLINE, SK_DEVICE_STATE_ONLINE);
+    EXPECT_EQ(client.Close(), SKR_SUCCESS);
+  }
+}
+
+TEST_F(SerialTest, AnUnpluggedDeviceGoesOfflineOnceAndComesBackBehindItsLink) {
+  auto first = std::make_unique<Pty>();
+  ASSERT_TRUE(first->ok());
+  LinkTo(first->tty());
+  ConfigureSerial();
+  DeviceClient client;
+  ASSERT_EQ(client.Open(kPort), SKR_SUCCESS);
+  ASSERT_TRUE(client.WaitOnline(true));
+  ASSERT_EQ(client.Write("before"), SKR_SUCCESS);
+  EXPECT_EQ(first->Read(6), "before");
+  client.Forget();
+
+  // Unplugged: the node goes away (the link dangles, so no other terminal is met), then the device.
+  LinkTo(folder_ + "/gone");
+  first->Close();
+  ASSERT_TRUE(client.WaitCount(SK_EVENT_DEVICE_OFFLINE, 1));
+  const std::string reason = client.LastText(SK_EVENT_DEVICE_OFFLINE);
+  EXPECT_EQ(reason.rfind(link_ + ": ", 0), 0u) << reason;
+  EXPECT_NE(reason.find("(error "), std::string::npos) << reason;
+  for (int i = 0; i < 3; ++i) {
+    uint32_t written = 99;
+    EXPECT_EQ(client.Write("lost", &written), SKR_DEVICE_OFFLINE);
+    EXPECT_EQ(written, 0u);
+  }
+
+  Pty second;  // plugged in again, under another node
+  ASSERT_TRUE(second.ok());
+  LinkTo(second.tty());
+  ASSERT_TRUE(client.WaitCount(SK_EVENT_DEVICE_ONLINE, 1));
+  ASSERT_EQ(client.Write("after"), SKR_SUCCESS);
+  EXPECT_EQ(second.Read(6, 300), "after");  // nothing of before, nothing twice
+  second.Write("ok");
+  ASSERT_TRUE(WaitUntil([&] { return client.Data() == "ok"; }));
+  EXPECT_EQ(client.Count(SK_EVENT_DEVICE_OFFLINE), 1);
+  EXPECT_EQ(client.Count(SK_EVENT_DEVICE_ONLINE), 1);
+  EXPECT_EQ(client.Close(), SKR_SUCCESS);
+}
+
+TEST_F(SerialTest, ADeviceAbsentAtOpenComesOnlineWhenItAppears) {
+  LinkTo(folder_ + "/not-yet");
+  ConfigureSerial();
+  DeviceClient client;
+  ASSERT_EQ(client.Open(kPort), SKR_SUCCESS);
+  EXPECT_EQ(client.State(), 0u);
+  EXPECT_EQ(client.Write("x"), SKR_DEVICE_OFFLINE);
+  Pty pty;
+  ASSERT_TRUE(pty.ok());
+  LinkTo(pty.tty());
+  ASSERT_TRUE(client.WaitOnline(true));
+  EXPECT_EQ(client.Write("late"), SKR_SUCCESS);
+  EXPECT_EQ(pty.Read(4), "late");
+  EXPECT_EQ(client.Close(), SKR_SUCCESS);
+}
+
+}  // namespace
+}  // namespace orlenda::device_testing
