@@ -34,17 +34,21 @@ std::string HelpText() {
       "HEX is bytes in hex (\"68 65 6c\" or \"68656c\"). D is a duration: 500ms, 2s, 1m (a bare number\n"
       "is seconds). A VALUE of ID=#NUMBER is a number property, ID=VALUE a string one.\n"
       "\n"
+      "The configuration port is any name without \"/\"; opened as \"\" its paths start at the root of\n"
+      "the broker's properties (a name like \"config\" puts them below \"config\"). Requests that change\n"
+      "something (add, delete, set, the property sets) need the port's lock: \"lock\" first.\n"
+      "\n"
       "exit status: 0 when every step succeeded, 1 when a step failed (the steps after it are not\n"
       "run unless --keep-going), 2 for a mistake on the command line, 3 when no connection was made.\n"
       "\n"
       "examples:\n"
-      "  orlendactl open LOOP1 lock write-text \"hello\" unlock close\n"
-      "  orlendactl --tcp pos-server open LOOP1 watch 0x70001 --for 2s close\n"
-      "  orlendactl open \"LOOP1?till7\" lock-wait --for 30s write-hex \"1b 40 0a\" unlock\n"
-      "  orlendactl open config ports settings LOOP1 get LOOP1\n"
-      "  orlendactl open config add NAVPRT Kitchen Baud=#9600 ports\n"
+      "  orlendactl open LOOP/1 lock write-text \"hello\" unlock close\n"
+      "  orlendactl --tcp pos-server open LOOP/1 watch 0x70001 --for 2s close\n"
+      "  orlendactl open \"LOOP/1?till7\" lock-wait --for 30s write-hex \"1b 40 0a\" unlock\n"
+      "  orlendactl open \"\" ports get LOOP/1 settings LOOP\n"
+      "  orlendactl open \"\" lock add NAVPRT Kitchen Baud=#9600 ports close\n"
       "  orlendactl setting TCP_KEEPALIVE_TIMEOUT 8000 setting TCP_KEEPALIVE_TIMEOUT\n"
-      "  orlendactl open LOOP1 set-string Model TM-1 get-string Model close\n";
+      "  orlendactl open LOOP/1 lock set-string Model TM-1 get-string Model close\n";
   return text;
 }
 

@@ -19,8 +19,8 @@ constexpr uint32_t kDefaultWatchMs = 5000;
 std::string Label(const Step& step) {
   std::string label = step.kind->name;
   for (const std::string& arg : step.args) {
-    label += ' ';
-    label += arg.size() > 40 ? arg.substr(0, 37) + "..." : arg;
+    const std::string shown = arg.size() > 40 ? arg.substr(0, 37) + "..." : arg;
+    label += arg.empty() || arg.find(' ') != std::string::npos ? " \"" + shown + "\"" : " " + shown;
   }
   return label;
 }
@@ -305,7 +305,7 @@ const StepKind kSteps[] = {
        s.Lines(lines);
        return ok;
      }},
-    {"add", 2, -1, false, "add TYPE NAME [ID=VALUE|ID=#NUMBER]...", "configuration port: add a port of TYPE named NAME with these settings; prints its path",
+    {"add", 2, -1, false, "add TYPE NAME [ID=VALUE|ID=#NUMBER]...", "configuration port: add a port of TYPE named NAME with these settings; prints its path (changes need the lock)",
      [](Session& s, const Step& st) {
        std::string text;
        const std::vector<std::string> rest(st.args.begin() + 2, st.args.end());
