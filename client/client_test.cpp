@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cstring>
 #include <functional>
@@ -266,7 +267,12 @@ const Misbehaviour kMisbehaviours[] = {
      7u, SKR_SUCCESS},
 };
 
-INSTANTIATE_TEST_SUITE_P(Replies, HostileServerTest, ::testing::ValuesIn(kMisbehaviours));
+INSTANTIATE_TEST_SUITE_P(Replies, HostileServerTest, ::testing::ValuesIn(kMisbehaviours),
+                         [](const ::testing::TestParamInfo<Misbehaviour>& info) {
+                           std::string name;
+                           for (const char* c = info.param.what; *c != '\0'; ++c) name += std::isalnum(*c) ? *c : '_';
+                           return name;
+                         });
 
 TEST(ClientNames, EveryCodeHasItsNameAndTheLibrarysOwnAreDistinct) {
   const std::vector<std::pair<uint32_t, const char*>> names = {
