@@ -18,7 +18,9 @@ class PresenceObject {
   PresenceObject(const PresenceObject&) = delete;
   PresenceObject& operator=(const PresenceObject&) = delete;
 
-  // Takes the presence object. Fails with kErrorAlreadyExists when another holder has it.
+  // Takes the presence object. Fails with kErrorAlreadyExists when another holder has it. On
+  // Windows a presence test elsewhere makes the event exist for an instant: an event that exists
+  // is looked at again for about 50 ms before Acquire concludes it has a holder.
   uint32_t Acquire(const char16_t* name);
   void Release();
   bool held() const { return handle_ != kNone; }

@@ -9,6 +9,8 @@ namespace {
 
 constexpr wchar_t kGlobalPrefix[] = L"Global\\";
 constexpr std::size_t kMaxName = MAX_PATH;
+constexpr int kAcquireAttempts = 5;
+constexpr DWORD kAcquirePauseMs = 10;
 
 // "Global\<name>" into `out`; false when it does not fit.
 bool GlobalName(const char16_t* name, wchar_t* out) {
@@ -41,14 +43,19 @@ uint32_t PresenceObject::Acquire(const char16_t* name) {
   if (held()) return kErrorAlreadyExists;
   wchar_t full[kMaxName];
   if (!GlobalName(name, full)) return kErrorInvalidParameter;
-  HANDLE handle = CreateEventW(nullptr, TRUE, FALSE, full);
-  if (handle == nullptr) return GetLastError();
-  if (GetLastError() == ERROR_ALREADY_EXISTS) {
+  // The presence test of a writer makes the event exist for an instant, so an event that exists
+  // may be nobody's: a holder keeps it, a test lets go at once. Look again for a short while.
+  for (int attempt = 0;; ++attempt) {
+    HANDLE handle = CreateEventW(nullptr, TRUE, FALSE, full);
+    if (handle == nullptr) return GetLastError();
+    if (GetLastError() != ERROR_ALREADY_EXISTS) {
+      handle_ = reinterpret_cast<intptr_t>(handle);
+      return kErrorSuccess;
+    }
     CloseHandle(handle);
-    return kErrorAlreadyExists;
+    if (attempt == kAcquireAttempts) return kErrorAlreadyExists;
+    Sleep(kAcquirePauseMs);
   }
-  handle_ = reinterpret_cast<intptr_t>(handle);
-  return kErrorSuccess;
 }
 
 void PresenceObject::Release() {
