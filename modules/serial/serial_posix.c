@@ -60,7 +60,7 @@ uint32_t SerialCheckSettings(const SerialSettings* settings) {
 static int ApplyLineSettings(int fd, const SerialSettings* s) {
   static const tcflag_t kSizes[] = {CS5, CS6, CS7, CS8};
   struct termios t;
-  speed_t rate;
+  speed_t rate = B9600; /* SerialCheckSettings let only known rates through */
   if (tcgetattr(fd, &t) != 0) return 0;
   RateCode(s->baud_rate, &rate);
   cfmakeraw(&t);
