@@ -9,8 +9,8 @@
 // Natively the broker runs in this process, on a fresh store in temporary folders. With
 // --external HOST:PORT the broker figures are those of a broker already running there (over TCP;
 // its configuration must have the port given by --port, default "loop/dev1", whose clients here
-// take the lock each with an access key of its own), and --pid PID adds its idle CPU time from
-// /proc. The echo servers always run in this process.
+// take the lock each with an access key of its own), and --pid PID (repeated: the sum, e.g. the
+// broker's process under Wine and its wineserver) adds its idle CPU time from /proc. The echo servers always run in this process.
 //   broker_bench [--seconds S] [--idle-seconds S] [--only round-trip|rate|64k|idle]
 //                [--external HOST:PORT [--port NAME] [--pid PID]]
 #include <spawn.h>
@@ -58,7 +58,7 @@ struct Options {
   double idle_seconds = 10;
   std::string external;
   std::string port = "loop/dev1";
-  long pid = 0;
+  std::vector<long> pids;  // external: the broker's processes (under Wine also its wineserver)
 };
 
 // Where a measurement connects: TCP "host:port", or a local pipe; and the port each client opens.
@@ -124,9 +124,9 @@ std::vector<double> RoundTrip(const Target& target, double seconds) {
   if (!Ready(client, target, 0)) return {0, 0};
   const std::string data(16, 'r');
   std::vector<double> times;
-  const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
   for (int i = 0; i < 200; ++i) client.Write(data);  // warm up: threads, buffers
-  while (Clock::now() < end) {
+  const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+  while (Clock::now() < end || times.empty()) {
     const Clock::time_point start = Clock::now();
     if (client.Write(data) != SKR_SUCCESS) return {0, 0};
     times.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
@@ -200,7 +200,13 @@ std::vector<double> Rate(const Target& target, int count, std::size_t size, doub
   return {calls / spent, calls > 0 ? (ContextSwitches() - switches) / calls : 0};
 }
 
-double CpuSeconds(long pid) {
+double CpuSeconds(const std::vector<long>& pids) {
+  if (pids.size() > 1) {
+    double sum = 0;
+    for (long pid : pids) sum += CpuSeconds({pid});
+    return sum;
+  }
+  const long pid = pids.empty() ? 0 : pids[0];
   if (pid == 0) {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
@@ -211,29 +217,29 @@ double CpuSeconds(long pid) {
   std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
   std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
   const std::size_t close = text.rfind(')');
-  if (close == std::string::npos) return 0;
-  char* at = &text[close + 2];
+  if (close == std::string::npos || close + 4 >= text.size()) return 0;
+  char* at = &text[close + 4];  // past ") S ", the state
   unsigned long long ticks[2] = {0, 0};
-  for (int field = 3; field <= 15; ++field) {
+  for (int field = 4; field <= 15; ++field) {
     const unsigned long long value = std::strtoull(at, &at, 10);
     if (field >= 14) ticks[field - 14] = value;
   }
   return static_cast<double>(ticks[0] + ticks[1]) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-// Percent of one core that process `pid` (0: this one) spends while 63 idle TCP clients of a child
-// process stay connected to `address`.
-double IdleCpu(const std::string& address, long pid, double seconds, const char* self) {
+// Percent of one core that processes `pids` (none: this one) spend while 63 idle TCP clients of a
+// child process stay connected to `address`.
+double IdleCpu(const std::string& address, const std::vector<long>& pids, double seconds, const char* self) {
   const std::string count = std::to_string(kMaxClients);
   const std::string hold = std::to_string(seconds + 4);
   const char* argv[] = {self, "--idle-clients", address.c_str(), count.c_str(), hold.c_str(), nullptr};
   pid_t child = 0;
   if (posix_spawn(&child, "/proc/self/exe", nullptr, nullptr, const_cast<char* const*>(argv), environ) != 0) return -1;
   std::this_thread::sleep_for(std::chrono::seconds(2));  // the clients connect
-  const double before = CpuSeconds(pid);
+  const double before = CpuSeconds(pids);
   const Clock::time_point start = Clock::now();
   std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-  const double used = CpuSeconds(pid) - before;
+  const double used = CpuSeconds(pids) - before;
   const double spent = std::chrono::duration<double>(Clock::now() - start).count();
   int status = 0;
   waitpid(child, &status, 0);
@@ -330,10 +336,10 @@ int Run(const Options& options, const char* self) {
     Row(std::string("64 KiB writes, ") + t.name, rates.first[0] * 65536 / 1e6, rates.second[0] * 65536 / 1e6, "MB/s",
         "target >= 0.70x");
   }
-  const bool cpu_known = options.external.empty() || options.pid != 0;
+  const bool cpu_known = options.external.empty() || !options.pids.empty();
   const double broker_cpu =
-      cpu_known && wanted("idle") ? IdleCpu(broker_tcp.tcp, options.pid, options.idle_seconds, self) : -1;
-  const double echo_cpu = wanted("idle") ? IdleCpu(echo_tcp.tcp, 0, options.idle_seconds, self) : -1;
+      cpu_known && wanted("idle") ? IdleCpu(broker_tcp.tcp, options.pids, options.idle_seconds, self) : -1;
+  const double echo_cpu = wanted("idle") ? IdleCpu(echo_tcp.tcp, {}, options.idle_seconds, self) : -1;
   if (wanted("idle")) std::printf("%-40s %10.2f%% %10.2f%% of one core over %.0f s (target < 1%%)%s\n", "CPU, 63 idle TCP clients",
               broker_cpu, echo_cpu, options.idle_seconds, cpu_known ? "" : " (broker: give --pid)");
 
@@ -349,6 +355,7 @@ int Run(const Options& options, const char* self) {
 }  // namespace orlenda::bench
 
 int main(int argc, char** argv) {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);  // rows show as they are measured
   orlenda::bench::Options options;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
@@ -366,7 +373,7 @@ int main(int argc, char** argv) {
     } else if (arg == "--port" && value) {
       options.port = argv[++i];
     } else if (arg == "--pid" && value) {
-      options.pid = std::atol(argv[++i]);
+      options.pids.push_back(std::atol(argv[++i]));
     } else {
       std::fprintf(stderr,
                    "usage: broker_bench [--seconds S] [--idle-seconds S] [--only round-trip|rate|64k|idle]\n"
