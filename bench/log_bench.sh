@@ -48,7 +48,7 @@ bin=$build/tools
 
 start_service() {
   # One file for the whole run: no rotation in the middle of the count.
-  "${launcher[@]}" "$bin/orlendalog/orlendalog$exe" -quiet -max-size 4000000000 >"$work/service.txt" 2>&1 &
+  "${launcher[@]}" "$bin/orlendalog/orlendalog$exe" -debug -quiet -max-size 4000000000 >"$work/service.txt" 2>&1 &
   service_pid=$!
   for _ in $(seq 1 300); do grep -q "orlendalog: started" "$logdir/OrlendaLog.log" 2>/dev/null && return; sleep 0.1; done
   echo "the log service did not start" >&2

@@ -11,4 +11,10 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
   wineboot -i >/dev/null 2>&1 || true
   wineserver -w || true
 fi
+# No display here: Wine's null graphics driver still gives windows (the broker's hidden power
+# window) without one. Once per prefix.
+if [ ! -f "$WINEPREFIX/.orlenda-null-graphics" ]; then
+  wine reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f >/dev/null 2>&1 &&
+    touch "$WINEPREFIX/.orlenda-null-graphics"
+fi
 exec wine "$@"

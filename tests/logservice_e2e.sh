@@ -41,7 +41,7 @@ late_pid=$!
 sleep 1
 
 # 3. The service starts; the late writer gets through and reports what it lost.
-"${launcher[@]}" "$orlendalog" -max-size 100000000 >"$work/out.txt" 2>&1 &
+"${launcher[@]}" "$orlendalog" -debug -max-size 100000000 >"$work/out.txt" 2>&1 &
 service_pid=$!
 for _ in $(seq 1 300); do grep -q "orlendalog: started" "$work/out.txt" 2>/dev/null && break; sleep 0.1; done
 grep -q "orlendalog: started" "$work/out.txt" || fail "the log service did not start"
@@ -54,7 +54,7 @@ run "$logsend" -count 5 -data 00ff7f "record %d" >/dev/null || fail "records wer
 run "$logsend" -count 20000 -exit-now "exit %d" >/dev/null || fail "the exiting writer failed"
 
 # 5. A second log service refuses to start while the first runs.
-run "$orlendalog" >"$work/second.txt" 2>&1 && fail "a second log service started"
+run "$orlendalog" -debug >"$work/second.txt" 2>&1 && fail "a second log service started"
 grep -q "already running" "$work/second.txt" || fail "the second log service did not say why: $(cat "$work/second.txt")"
 
 # 6. Every record is one line in the file, as it arrived.

@@ -11,6 +11,7 @@
 namespace orlenda::platform {
 
 constexpr uint32_t kErrorNotSupported = 50;
+constexpr uint32_t kErrorServiceAlreadyRunning = 1056;
 constexpr uint32_t kErrorServiceNotActive = 1062;
 constexpr uint32_t kErrorServiceExists = 1073;
 

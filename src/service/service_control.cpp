@@ -156,11 +156,22 @@ uint32_t StartInstalledService(ServiceHost& host) {
     host.Say(host.Message(u"OpenSCManager failed."));
     return error;
   }
+  // The dependency first. Windows' service manager would start it on its own; not every service
+  // manager does (Wine's does not), and starting one that runs already does no harm.
+  if (id.dependency != nullptr) {
+    platform::ServiceHandle dependency;
+    if (platform::OpenNamedService(manager, id.dependency, platform::ServiceAccess::kAll, &dependency) == 0 &&
+        platform::StartNamedService(dependency) == 0) {
+      WaitWhile(dependency, platform::kServiceStartPending, kStartPolls - 1);
+    }
+  }
   if ((error = platform::OpenNamedService(manager, id.name, platform::ServiceAccess::kAll, &service)) != 0) {
     host.Say(host.Message(u"OpenService failed."));
     return error;
   }
-  if ((error = platform::StartNamedService(service)) != 0) {
+  // One that runs already (the service manager starts automatic services on its own) is where
+  // this verb wants it.
+  if ((error = platform::StartNamedService(service)) != 0 && error != platform::kErrorServiceAlreadyRunning) {
     host.Say(host.Message(u"StartService failed."));
     return error;
   }

@@ -93,9 +93,11 @@ int ServiceHost::RunConsole() {
     Say(Message(Format(u"SetConsoleCtrlHandler failed - error = %d", error)));
     return static_cast<int>(error);
   }
+  const uint32_t result = body_(*this);
+  if (!identity_.console_result_reversed) return static_cast<int>(result);
   // Read in reverse on purpose: a failed start (nonzero) ends the console run quietly with 0, a
   // normal stop (0) reports the thread's last error as a failure and exits with it.
-  if (body_(*this) != 0) return 0;
+  if (result != 0) return 0;
   const uint32_t error = system_.LastError();
   Say(Message(Format(u"ServiceStart failed - error = %d", error)));
   return static_cast<int>(error);
@@ -106,6 +108,9 @@ void ServiceHost::ServiceMain() {
   status_.service_type = platform::kServiceOwnProcess;
   status_.service_exit_code = 0;
   if (ReportStatus(platform::kServiceStartPending, 0, kStartWaitHintMs)) body_(*this);
+  // A start that failed has reported stopped, with its exit code, itself; a second report would
+  // put the last error (mostly 0) in its place, and the service manager would show that instead.
+  if (status_.current_state == platform::kServiceStopped) return;
   ReportStatus(platform::kServiceStopped, last_error_, 0);
 }
 

@@ -34,6 +34,9 @@ struct ServiceIdentity {
   uint32_t (*prepare_data)(ServiceHost& host);
   // Remove: deletes the service's data files; 0 or an error.
   uint32_t (*remove_data)(ServiceHost& host);
+  // The broker's console run reads its body's result in reverse, as it always has (a failed start
+  // exits with 0, a normal stop with the last error); a service without that history does not.
+  bool console_result_reversed;
 };
 
 class ServiceHost {

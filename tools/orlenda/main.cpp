@@ -24,6 +24,7 @@ const orlenda::ServiceIdentity kBroker = {
     u"orlenda",
     &orlenda::WriteDefaultServiceData,
     &orlenda::RemoveServiceData,
+    true,
 };
 
 }  // namespace
