@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
 cmake --preset native-release >/dev/null
-cmake --build --preset native-release -j "$(nproc)" --target orlenda orlendalog orlendactl loopback
+cmake --build --preset native-release -j "$(nproc)" --target orlenda orlendalog orlendactl loopback netprinter serial
 build=$PWD/build/native-release
 demo=$PWD/build/demo
 export ORLENDA_DATA_DIR=$demo/data ORLENDA_RUN_DIR=$demo/run
