@@ -8,10 +8,14 @@
 
 namespace orlenda {
 
-Blob* BlobCreate(uint64_t size) {
+namespace {
+
+// A blob whose bytes are zero (`zeroed`) or left for the caller to fill.
+Blob* MakeBlob(uint64_t size, bool zeroed) {
   // The header and the bytes come in one block, so the total must fit a size_t without wrapping.
   if (size > std::numeric_limits<std::size_t>::max() - sizeof(Blob)) return nullptr;
-  void* block = platform::HeapAllocZero(sizeof(Blob) + static_cast<std::size_t>(size));
+  const std::size_t bytes = sizeof(Blob) + static_cast<std::size_t>(size);
+  void* block = zeroed ? platform::HeapAllocZero(bytes) : platform::HeapAllocUninitialized(bytes);
   if (block == nullptr) return nullptr;
   Blob* blob = new (block) Blob();
   blob->references.store(1, std::memory_order_relaxed);
@@ -19,9 +23,15 @@ Blob* BlobCreate(uint64_t size) {
   return blob;
 }
 
+}  // namespace
+
+Blob* BlobCreate(uint64_t size) { return MakeBlob(size, true); }
+
+Blob* BlobCreateUninitialized(uint64_t size) { return MakeBlob(size, false); }
+
 Blob* BlobCopy(const void* data, uint64_t size) {
   if (data == nullptr && size != 0) return nullptr;
-  Blob* blob = BlobCreate(size);
+  Blob* blob = MakeBlob(size, false);  // every byte is written below
   if (blob != nullptr && size != 0) std::memcpy(blob->data(), data, static_cast<std::size_t>(size));
   return blob;
 }

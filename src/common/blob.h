@@ -20,6 +20,8 @@ static_assert(sizeof(Blob) == 16, "blob header is two 64-bit fields");
 
 // A new zero-filled blob of `size` bytes with one reference, or nullptr when memory is short.
 Blob* BlobCreate(uint64_t size);
+// The same, its bytes left undefined for the caller to fill at once.
+Blob* BlobCreateUninitialized(uint64_t size);
 // A new blob holding a copy of `size` bytes at `data` (data may be null when size is 0; null data
 // with a nonzero size gives nullptr, as does a shortage of memory).
 Blob* BlobCopy(const void* data, uint64_t size);

@@ -106,11 +106,12 @@ bool FrameReader::Feed(const uint8_t* bytes, std::size_t size, Sink* sink) {
 void FrameReader::Deliver(Sink* sink) {
   const uint32_t length = LengthField();
   const std::size_t kept = std::min(length, capacity_);
-  // The copy's 16 bytes behind the frame are zero, whatever an earlier, longer frame left there.
-  Blob* copy = BlobCreate(kBackPointer + kept + kSlack);
+  Blob* copy = BlobCreateUninitialized(kBackPointer + kept + kSlack);
   received_ = 0;
   if (copy == nullptr) return;  // memory is short: the request is lost, the stream stays in step
   std::memcpy(copy->data(), buffer_, kBackPointer + kept);
+  // The copy's 16 bytes behind the frame are zero, whatever an earlier, longer frame left there.
+  std::memset(copy->data() + kBackPointer + kept, 0, kSlack);
   sink->OnFrame(BlobRef::Adopt(copy), length);
 }
 

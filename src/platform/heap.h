@@ -10,7 +10,10 @@ namespace orlenda::platform {
 // Returns nullptr when the heap cannot satisfy the request. A request of 0 bytes returns a valid block.
 void* HeapAllocZero(std::size_t bytes);
 
-// Frees a block from HeapAllocZero. nullptr is ignored.
+// Allocates `bytes` bytes whose content is undefined, for a block the caller fills at once (HeapAlloc
+// without HEAP_ZERO_MEMORY, malloc): the zero fill would be thrown away. nullptr when short.
+void* HeapAllocUninitialized(std::size_t bytes);
+// Frees a block from HeapAllocZero or HeapAllocUninitialized. nullptr is ignored.
 void HeapFreeBlock(void* block);
 
 // One object of the platform bodies on the process heap, default-constructed; nullptr when the

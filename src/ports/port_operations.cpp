@@ -82,7 +82,7 @@ uint32_t CSKConnection::Close() {
 
 uint32_t CSKConnection::Write(const BlobRef& data, uint32_t* written) {
   const uint32_t number = port_number();
-  LogDataFormat(kTraceLevel, data.data(), static_cast<uint32_t>(data.size()), u"-> %08x::Write(%d)", trace_id(),
+  LogDataFormat(kTraceLevel, data.data(), TracedBytes(data), u"-> %08x::Write(%d)", trace_id(),
                 number);
   uint32_t count = 0;
   uint32_t result;
@@ -113,7 +113,7 @@ uint32_t CSKConnection::Ioctl(uint32_t code, const BlobRef& input, BlobRef* outp
   if (dword) {
     Log(kTraceLevel, u"-> %08x::Ioctl(%d, %08x, %08x)", trace_id(), number, code, value);
   } else {
-    LogDataFormat(kTraceLevel, input.data(), static_cast<uint32_t>(input.size()), u"-> %08x::Ioctl(%d, %08x)",
+    LogDataFormat(kTraceLevel, input.data(), TracedBytes(input), u"-> %08x::Ioctl(%d, %08x)",
                   trace_id(), number, code);
   }
 
@@ -149,7 +149,7 @@ uint32_t CSKConnection::Ioctl(uint32_t code, const BlobRef& input, BlobRef* outp
   if (DwordBlobRead(out->get(), &out_value)) {
     Log(kTraceLevel, u"<- %08x::Ioctl(%d, %08x, %08x) <%08x>", trace_id(), number, code, out_value, result);
   } else {
-    LogDataFormat(kTraceLevel, out->data(), static_cast<uint32_t>(out->size()), u"<- %08x::Ioctl(%d, %08x) <%08x>",
+    LogDataFormat(kTraceLevel, out->data(), TracedBytes(*out), u"<- %08x::Ioctl(%d, %08x) <%08x>",
                   trace_id(), number, code, result);
   }
   return result;

@@ -70,7 +70,7 @@ void CSKConnection::Event(uint32_t event, const BlobRef& data) {
   if (DwordBlobRead(data.get(), &value)) {
     Log(kTraceLevel, u"** %08x::Event(%d, %08x, %08x)", trace_id(), port_number(), event, value);
   } else {
-    LogDataFormat(kTraceLevel, data.data(), static_cast<uint32_t>(data.size()), u"** %08x::Event(%d, %08x)",
+    LogDataFormat(kTraceLevel, data.data(), TracedBytes(data), u"** %08x::Event(%d, %08x)",
                   trace_id(), port_number(), event);
   }
   PushEvent(event, data);

@@ -20,6 +20,13 @@
 
 namespace orlenda {
 
+// How much of a request's or an event's data its trace carries: the first kTraceDataBytes, enough to
+// recognise it; a 64 KiB write must not cost a 64 KiB trace record (nor a 200 KB log line).
+constexpr uint32_t kTraceDataBytes = 1024;
+inline uint32_t TracedBytes(const BlobRef& data) {
+  return data.size() < kTraceDataBytes ? static_cast<uint32_t>(data.size()) : kTraceDataBytes;
+}
+
 class CSKConnection {
  public:
   CSKConnection();

@@ -9,6 +9,8 @@ void* HeapAllocZero(std::size_t bytes) {
   return std::calloc(bytes == 0 ? 1 : bytes, 1);
 }
 
+void* HeapAllocUninitialized(std::size_t bytes) { return std::malloc(bytes == 0 ? 1 : bytes); }
+
 void HeapFreeBlock(void* block) { std::free(block); }
 
 }  // namespace orlenda::platform
