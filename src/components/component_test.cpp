@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include <memory>
 #include <mutex>
 #include <string>
@@ -11,6 +13,8 @@
 
 #include "logging/log.h"
 #include "platform/module.h"
+#include "platform/paths.h"
+#include "platform/thread.h"
 #include "support/component_fixture.h"
 #include "support/log_capture.h"
 #include "test_modules.h"
@@ -107,6 +111,35 @@ TEST_F(ComponentTest, ModuleThatCannotConnectIsReleasedAndNotLoaded) {
     }
     EXPECT_EQ(Calls(), c.calls);
   }
+}
+
+// A bare module name is never looked for in the current folder (nor on PATH), where anyone could put
+// a file for a service running as the system to load: only beside the executable.
+TEST_F(ComponentTest, ABareNameIsLookedForBesideTheExecutableOnly) {
+  namespace fs = std::filesystem;
+  const fs::path module = fs::u8path(Narrow(ORLENDA_TEST_COMPONENT_MODULE));
+  const std::string file = "planted" + Narrow(platform::ModuleExtension());
+  char16_t executable[platform::kMaxPathChars];
+  ASSERT_GT(platform::ExecutablePath(executable, platform::kMaxPathChars), 0u);
+  const fs::path beside = fs::u8path(Narrow(executable)).parent_path() / file;
+  const fs::path elsewhere = fs::temp_directory_path() / ("orplant" + std::to_string(platform::CurrentProcessId()));
+  fs::create_directories(elsewhere);
+  fs::copy_file(module, elsewhere / file, fs::copy_options::overwrite_existing);
+  const fs::path before = fs::current_path();
+  fs::current_path(elsewhere);
+  {
+    CComponent planted(u"planted", host_);
+    EXPECT_FALSE(planted.IsLoaded());
+  }
+  fs::current_path(before);
+  fs::copy_file(module, beside, fs::copy_options::overwrite_existing);
+  {
+    CComponent shipped(u"planted", host_);
+    EXPECT_TRUE(shipped.IsLoaded());
+    shipped.Unload();
+  }
+  fs::remove(beside);
+  fs::remove_all(elsewhere);
 }
 
 TEST_F(ComponentTest, LoadedModuleRunsUntilUnloadWhichEmptiesTheTable) {

@@ -60,6 +60,11 @@ void CPipeServer::OnFailure(platform::LocalServerFailure what, uint32_t error) {
     case platform::LocalServerFailure::kConnectInstance:
       Log(kFailureLevel, u"-- CPipeServer::CreateAndConnectInstance Win32API::ConnectNamedPipe(...) = <%d>", error);
       break;
+    case platform::LocalServerFailure::kUnsafeFolder:
+      Log(kFailureLevel,
+          u"-- CPipeServer: the pipe's folder could be changed by other users (it must be a folder of this user "
+          u"or root that nobody else may write): not listening");
+      break;
     case platform::LocalServerFailure::kTerminated:
       Log(kTraceLevel, u"PipeServer: Thread terminated. Last error : %d", error);
       break;

@@ -48,22 +48,28 @@ void CTCPConnection::MarkLost() {
   if (!lost_.exchange(true, std::memory_order_acq_rel)) server_->Wake();
 }
 
-uint32_t CTCPConnection::Poll(PollReason reason) {
+uint32_t CTCPConnection::Poll(PollReason reason, uint8_t* buffer) {
   if (lost_.load(std::memory_order_acquire)) return kLost;
   const uint32_t now = platform::TickCountMs();
   if (reason == kReadable) {
-    std::size_t total = 0;
-    while (total < kReceiveBuffer) {
-      std::size_t got = 0;
-      if (platform::Receive(socket_, receive_buffer_ + total, kReceiveBuffer - total, &got) != platform::kErrorSuccess ||
-          got == 0) {
-        break;
+    std::size_t fed = 0;
+    for (;;) {
+      std::size_t total = 0;
+      while (total < kReceiveBuffer) {
+        std::size_t got = 0;
+        if (platform::Receive(socket_, buffer + total, kReceiveBuffer - total, &got) !=
+                platform::kErrorSuccess ||
+            got == 0) {
+          break;
+        }
+        total += got;
       }
-      total += got;
+      if (total == 0) return fed == 0 ? kLost : SKR_SUCCESS;  // nothing at all: the peer is gone
+      last_receive_ = now;
+      if (!Receive(buffer, total)) return kLost;
+      fed += total;
+      if (total < kReceiveBuffer || fed >= kReceivePerPass) return SKR_SUCCESS;
     }
-    if (total == 0) return kLost;  // the peer closed, or the connection failed
-    last_receive_ = now;
-    return Receive(receive_buffer_, total) ? SKR_SUCCESS : kLost;
   }
 
   if (now - last_send_.load(std::memory_order_relaxed) > ping_interval_.load(std::memory_order_relaxed)) {

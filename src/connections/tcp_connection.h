@@ -26,7 +26,12 @@ class TCPServer;
 class CTCPConnection : public CSKStreamConnection {
  public:
   enum PollReason { kReadable = 1, kTick = 2 };
-  static constexpr std::size_t kReceiveBuffer = 4096;
+  // What one pass of the dispatcher receives for a readable connection: the dispatcher's buffer
+  // (one for all its connections, as only it receives), filled and fed to the framer again while
+  // the socket fills it whole, up to kReceivePerPass, so that a large frame takes one pass and a
+  // few receives, and no client keeps the others waiting longer than that.
+  static constexpr std::size_t kReceiveBuffer = 64 * 1024;
+  static constexpr std::size_t kReceivePerPass = 256 * 1024;
 
   // Takes over `socket` (non-blocking, TCP_NODELAY on). `server` is woken when a write finds the
   // connection lost; it outlives the connection.
@@ -34,8 +39,9 @@ class CTCPConnection : public CSKStreamConnection {
                  uint32_t peer);
   ~CTCPConnection() override;
 
-  // SKR_SUCCESS, or SKR_SUSPENDED when the connection is lost.
-  uint32_t Poll(PollReason reason);
+  // SKR_SUCCESS, or SKR_SUSPENDED when the connection is lost. `buffer` (kReceiveBuffer bytes) is
+  // the dispatcher's, for kReadable.
+  uint32_t Poll(PollReason reason, uint8_t* buffer);
   void SetTiming(uint32_t ping_interval, uint32_t keepalive_timeout);
   // Milliseconds from `now` until this connection's next ping or keep-alive check is due.
   uint32_t MillisecondsUntilDue(uint32_t now) const;
@@ -60,7 +66,6 @@ class CTCPConnection : public CSKStreamConnection {
   std::atomic<bool> lost_{false};
   platform::CriticalSection send_lock_;
   uint32_t ping_left_ = 0;  // under the send lock: bytes of a ping still to go
-  uint8_t receive_buffer_[kReceiveBuffer];
 };
 
 }  // namespace orlenda

@@ -6,16 +6,21 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "connections/address_filter.h"
 #include "connections/pipe_server.h"
 #include "connections/tcp_server.h"
 #include "platform/errors.h"
+#include "platform/local_server.h"
 #include "ports/port_test_fixture.h"
 #include "skein/protocol.h"
+#include "support/log_capture.h"
 #include "support/wire_client.h"
 
 namespace orlenda {
@@ -192,6 +197,94 @@ TEST_F(TcpTest, SettingsAreTakenUpAtRunTime) {
   server_->ApplySettings();
   auto again = Connect();
   EXPECT_EQ(again->Call(RequestFrame(SK_FRAME_CLOSE, 1)), SKR_INVALID_HANDLE);
+}
+
+// Who may connect, changed while the server runs: a refused client is closed at once.
+TEST_F(TcpTest, AllowedClientsAndTheConnectionLimitApplyLive) {
+  testing::LogCapture capture;
+  Serve(Transport::kTcp);
+  const auto served = [&](const char* from) {
+    WireClient client;
+    if (client.ConnectTcp(port_, from) != platform::kErrorSuccess) return false;
+    return client.Call(RequestFrame(SK_FRAME_CLOSE, 1)) == SKR_INVALID_HANDLE;
+  };
+  EXPECT_TRUE(served("127.0.0.2"));  // everyone, as before
+  ASSERT_TRUE(SetProperty(u"/TCP_ALLOWED_CLIENTS", u"127.0.0.1, 10.0.0.0/8"));
+  server_->ApplySettings();
+  EXPECT_TRUE(served("127.0.0.1"));
+  EXPECT_FALSE(served("127.0.0.2"));
+  ASSERT_TRUE(SetProperty(u"/TCP_ALLOWED_CLIENTS", u"127.0.0.0/30"));
+  server_->ApplySettings();
+  EXPECT_TRUE(served("127.0.0.2"));
+  EXPECT_FALSE(served("127.0.0.4"));
+
+  ASSERT_TRUE(SetNumberProperty(u"/TCP_MAX_CONNECTIONS", 2));
+  server_->ApplySettings();
+  auto first = Connect();
+  auto second = Connect();
+  AwaitConnections(2);
+  EXPECT_FALSE(served("127.0.0.1"));  // the third
+  first->Disconnect();
+  AwaitConnections(1);
+  EXPECT_TRUE(served("127.0.0.1"));
+  const auto lines = capture.Lines();
+  EXPECT_GE(testing::IndexOfPrefix(lines, u"-- TCPServer: client 127.0.0.2 refused: not among TCP_ALLOWED_CLIENTS"), 0)
+      << testing::Dump(lines);
+  EXPECT_GE(testing::IndexOfPrefix(lines, u"-- TCPServer: client 127.0.0.1 refused: TCP_MAX_CONNECTIONS (2)"), 0);
+}
+
+// The local pipe is this machine's alone: on Windows its instances reject remote clients (the
+// system has no call that reads that back, so the mode they are made with is read), on POSIX its
+// socket lives in a folder nobody else may change, or the server does not listen.
+TEST_F(TcpTest, TheLocalPipeIsForThisMachineAlone) {
+  const uint32_t mode = platform::LocalServer::InstanceMode();
+  if (mode != 0) {
+    EXPECT_EQ(mode & 0x8u, 0x8u);  // PIPE_REJECT_REMOTE_CLIENTS
+    EXPECT_EQ(mode & 0x6u, 0x6u);  // message type and read mode, as always
+    return;
+  }
+  namespace fs = std::filesystem;
+  const fs::path run = std::getenv("ORLENDA_RUN_DIR");
+  testing::LogCapture capture;
+  fs::permissions(run, fs::perms::group_write | fs::perms::others_write, fs::perm_options::add);
+  Serve(Transport::kLocal);
+  WireClient client;
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_NE(client.ConnectLocal(kPipe), platform::kErrorSuccess);
+  server_.reset();
+  fs::permissions(run, fs::perms::group_write | fs::perms::others_write, fs::perm_options::remove);
+  EXPECT_GE(testing::IndexOfPrefix(capture.Lines(), u"-- CPipeServer: the pipe's folder could be changed"), 0);
+  Serve(Transport::kLocal);
+  auto served = Connect();
+  EXPECT_EQ(served->Call(RequestFrame(SK_FRAME_CLOSE, 1)), SKR_INVALID_HANDLE);
+  EXPECT_EQ(fs::status(run / "skein-test").permissions() & fs::perms::all,
+            fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::group_write |
+                fs::perms::others_read | fs::perms::others_write);
+}
+
+TEST(AddressFilter, ListsOfAddressesAndRanges) {
+  struct Case {
+    const char16_t* list;
+    uint32_t address;
+    bool allowed;
+  };
+  const Case cases[] = {
+      {u"", 0x0A000001u, true},                       {u" * ", 0x0A000001u, true},
+      {u"10.0.0.1", 0x0A000001u, true},              {u"10.0.0.1", 0x0A000002u, false},
+      {u"10.0.0.0/24;192.168.1.9", 0x0A0000FFu, true}, {u"10.0.0.0/24;192.168.1.9", 0xC0A80109u, true},
+      {u"10.0.0.0/24 192.168.1.9", 0x0A000100u, false}, {u"0.0.0.0/0", 0x01020304u, true},
+      {u"10.0.0.256, 10.0.0.1/33, x", 0x0A000001u, false},  // nothing readable: nobody
+      {u"10.0.0.256, 10.0.0.2", 0x0A000002u, true},
+  };
+  for (const Case& c : cases) {
+    HeapVector<WString> rejected;
+    EXPECT_EQ(AddressFilter::Parse(c.list, &rejected).Allows(c.address), c.allowed)
+        << testing::Narrow(c.list) << " " << std::hex << c.address;
+  }
+  HeapVector<WString> rejected;
+  AddressFilter::Parse(u"10.0.0.256, 10.0.0.1/33, 1.2.3.4", &rejected);
+  EXPECT_EQ(rejected.size(), 2u);
+  EXPECT_EQ(FormatIpv4(0xC0A80109u), u"192.168.1.9");
 }
 
 TEST_F(TcpTest, TheSixtyFourthClientIsNeverReadAndIsDropped) {

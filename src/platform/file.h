@@ -65,6 +65,16 @@ uint32_t CreateFolder(const char16_t* path);
 
 // Removes a folder that is empty; fails (and leaves it) when it is not.
 uint32_t RemoveEmptyFolder(const char16_t* path);
+// Whether only the system's trusted accounts may change `path` (a file or folder that exists):
+// Windows: its owner is SYSTEM, the Administrators or the account this process runs as, and its
+// DACL (there must be one) lets no other account write, append, delete or change permissions or
+// owner; POSIX: its owner is root or this process's user, and neither group nor others may write it.
+// kErrorSuccess with *trusted set either way; an error when it cannot be read.
+uint32_t OnlyTrustedMayChange(const char16_t* path, bool* trusted);
+// Sets the permissions of the service's data folder: Windows a protected DACL, SYSTEM and the
+// Administrators full control, Users read (inherited by what it holds); POSIX mode 0755 (the
+// folder must be this process's user's). 0 or the error.
+uint32_t RestrictFolder(const char16_t* path);
 // Whether a file or folder of that name exists.
 bool PathExists(const char16_t* path);
 

@@ -23,6 +23,7 @@ struct LocalChannel;
 enum class LocalServerFailure {
   kCreateInstance,   // Windows CreateNamedPipeW; POSIX creating the socket
   kConnectInstance,  // Windows ConnectNamedPipe
+  kUnsafeFolder,     // POSIX: the socket's folder is not this user's (or root's) alone
   kTerminated,       // the loop ended early (after one of the above, or a failed wait)
 };
 
@@ -52,6 +53,10 @@ class LocalServer {
   void Run(const char16_t* name, Event* stop, Handler* handler);
   // Makes a running loop look at its stop event now. Any thread.
   void Wake();
+  // The pipe mode its Windows instances are created with (PIPE_TYPE_MESSAGE |
+  // PIPE_READMODE_MESSAGE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS); 0 on POSIX. The system has no
+  // call that reads the remote-rejection flag back from an instance.
+  static uint32_t InstanceMode();
 
  private:
   struct Impl;

@@ -80,8 +80,9 @@ uint32_t Receive(const Socket& socket, void* buffer, std::size_t size, std::size
 uint32_t SendSome(const Socket& socket, const void* data, std::size_t size, std::size_t* sent);
 
 // Connects a new blocking TCP socket to `host` (a name or a dotted address) and `port`, giving up
-// after `timeout_ms`. TCP_NODELAY is set on it.
-uint32_t ConnectTcp(const char* host, uint16_t port, uint32_t timeout_ms, Socket* out);
+// after `timeout_ms`, from the local address `from` (dotted; null: the system's choice). TCP_NODELAY
+// is set on it.
+uint32_t ConnectTcp(const char* host, uint16_t port, uint32_t timeout_ms, Socket* out, const char* from = nullptr);
 
 // Connects a new blocking socket to the local pipe `name` of this machine. POSIX only (the pipe is
 // a Unix socket there); on Windows the pipe is no socket and this fails with

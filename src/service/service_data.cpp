@@ -4,6 +4,7 @@
 #include "platform/errors.h"
 #include "platform/file.h"
 #include "platform/paths.h"
+#include "logging/log.h"
 #include "service/service_host.h"
 
 namespace orlenda {
@@ -62,12 +63,39 @@ uint32_t RemoveServiceData(ServiceHost& host) {
   return 0;
 }
 
+namespace {
+
+// The data folder, made when missing, with its permissions set.
+bool MakeDataFolder(ServiceHost& host, WString* folder) {
+  if (!ServiceDataFolder(host, folder)) return false;
+  const std::size_t parent = folder->rfind(platform::PathSeparator());
+  if (parent != WString::npos) platform::CreateFolder(folder->substr(0, parent).c_str());
+  platform::CreateFolder(folder->c_str());
+  const uint32_t error = platform::RestrictFolder(folder->c_str());
+  if (error != 0) Log(0, u"-- ServiceData: the permissions of %s could not be set <%d>", *folder, error);
+  return true;
+}
+
+}  // namespace
+
+bool SecureServiceData(ServiceHost& host, WString* refusal) {
+  WString folder;
+  if (!MakeDataFolder(host, &folder)) return true;  // no folder to check: the load reports it
+  for (const char16_t* name : {static_cast<const char16_t*>(nullptr), kFiles[0], kFiles[1]}) {
+    WString path = folder;
+    if (name != nullptr) Append(&path, name);
+    bool trusted = true;
+    if (platform::OnlyTrustedMayChange(path.c_str(), &trusted) != 0 || trusted) continue;  // absent, or safe
+    *refusal = host.Message(path + u" may be changed by users other than the administrators: the configuration "
+                                   u"is refused (let only the administrators write it, and its folder)");
+    return false;
+  }
+  return true;
+}
+
 uint32_t WriteDefaultServiceData(ServiceHost& host) {
   WString folder;
-  if (!ServiceDataFolder(host, &folder)) return platform::kErrorFileNotFound;
-  const std::size_t parent = folder.rfind(platform::PathSeparator());
-  if (parent != WString::npos) platform::CreateFolder(folder.substr(0, parent).c_str());
-  platform::CreateFolder(folder.c_str());
+  if (!MakeDataFolder(host, &folder)) return platform::kErrorFileNotFound;
   WString configuration = folder;
   Append(&configuration, u"Orlenda.configuration");
   WString properties = folder;

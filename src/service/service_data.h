@@ -18,6 +18,14 @@ bool ServiceDataFolder(ServiceHost& host, WString* folder);
 // ignored. Returns 0.
 uint32_t RemoveServiceData(ServiceHost& host);
 
+// The data folder is made (when missing) and given its permissions (platform::RestrictFolder: only
+// the system and the administrators may change it), which also takes over a folder some user made
+// first. Then the folder and the two files must be changeable by those alone: the service runs as
+// the system and loads the modules its configuration names, so a configuration another user could
+// write (or plant before the service made the folder) is refused. True when all is safe; else
+// false, with the message in `*refusal`.
+bool SecureServiceData(ServiceHost& host, WString* refusal);
+
 // Writes the default configuration and properties where no file of the name is yet: the
 // loopback component, a stack "LOOP" that serves with it, and the port "LOOP/1". An existing file
 // is never touched. 0, or the error of a write.

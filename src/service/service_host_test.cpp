@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -14,11 +15,14 @@
 
 #include "components/configuration.h"
 #include "platform/errors.h"
+#include "platform/file.h"
 #include "ports/sk_connection.h"
 #include "service/run_mode.h"
+#include "service/service_data.h"
 #include "service/server_registry.h"
 #include "service/service_start.h"
 #include "support/component_fixture.h"
+#include "support/log_capture.h"
 #include "support/wire_client.h"
 #include "test_modules.h"
 
@@ -199,6 +203,40 @@ TEST_F(ServiceStartTest, AConfigurationThatCannotLoadStopsWithExitCodeThree) {
   EXPECT_EQ(system_.statuses[1].win32_exit_code, kStartFailedExitCode);
 }
 
+TEST_F(ServiceStartTest, AConfigurationOthersMayWriteIsRefused) {
+  WriteBrokerConfiguration();
+  namespace fs = std::filesystem;
+  const WString path = testing::StorePath(u"Orlenda.configuration");
+  const fs::path file = fs::u8path(std::string(WideToUtf8(View(path)).c_str()));
+  fs::permissions(file, fs::perms::others_write, fs::perm_options::add);
+  bool trusted = true;
+  ASSERT_EQ(platform::OnlyTrustedMayChange(path.c_str(), &trusted), 0u);
+  if (trusted) GTEST_SKIP() << "this file system cannot make a file writable by others from here";
+  ServiceHost host(kIdentity, &ServiceStart, system_);
+  host.ServiceMain();
+  ASSERT_EQ(system_.statuses.size(), 2u);
+  EXPECT_EQ(system_.statuses[1].current_state, platform::kServiceStopped);
+  EXPECT_EQ(system_.statuses[1].win32_exit_code, kStartFailedExitCode);
+  ASSERT_EQ(system_.events.size(), 1u);
+  EXPECT_NE(system_.events[0].find(u"may be changed by users other than the administrators"), std::u16string::npos);
+  fs::permissions(file, fs::perms::others_write, fs::perm_options::remove);
+}
+
+TEST_F(ServiceStartTest, ALooserDataFolderIsTakenOver) {
+  namespace fs = std::filesystem;
+  ServiceHost host(kIdentity, &ServiceStart, system_);
+  WString folder;
+  ASSERT_TRUE(ServiceDataFolder(host, &folder));
+  const fs::path path = fs::u8path(std::string(WideToUtf8(View(folder)).c_str()));
+  fs::create_directories(path);
+  fs::permissions(path, fs::perms::all);  // anyone may plant a configuration here
+  WString refusal;
+  EXPECT_TRUE(SecureServiceData(host, &refusal)) << testing::Narrow(View(refusal));
+  bool trusted = false;
+  ASSERT_EQ(platform::OnlyTrustedMayChange(folder.c_str(), &trusted), 0u);
+  EXPECT_TRUE(trusted);
+}
+
 TEST_F(ServiceStartTest, TheMachineStaysAwakeOnlyWhileAPortIsLocked) {
   WriteBrokerConfiguration();
   const uint32_t awake = platform::kExecutionContinuous | platform::kExecutionSystemRequired;
@@ -240,7 +278,13 @@ TEST_F(ServiceStartTest, AStopWhileLockedLetsTheMachineSleepBeforeTheServersGo) 
     ASSERT_EQ(holder.ConnectTcp(port_), platform::kErrorSuccess);
     ASSERT_EQ(holder.Call(testing::OpenFrame(1, u"LOOP/1")), SKR_SUCCESS);
     ASSERT_EQ(holder.Call(testing::IoctlFrame(2, SK_PORT_LOCK, testing::DwordBytes(1))), SKR_SUCCESS);
-    for (int i = 0; i < 400 && listening.empty(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    for (int i = 0; i < 400; ++i) {  // until the lock was seen
+      {
+        std::lock_guard<std::mutex> hold(system_.lock);
+        if (!system_.execution.empty()) break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
   });
   const uint32_t awake = platform::kExecutionContinuous | platform::kExecutionSystemRequired;
   EXPECT_EQ(system_.execution, (std::vector<uint32_t>{awake, platform::kExecutionContinuous}));

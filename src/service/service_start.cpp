@@ -8,6 +8,7 @@
 #include "platform/service_system.h"
 #include "ports/port_table.h"
 #include "service/server_registry.h"
+#include "service/service_data.h"
 #include "service/service_host.h"
 #include "service/suspend_guard.h"
 
@@ -20,6 +21,13 @@ constexpr uint32_t kShutdownFlushMs = 2000;
 
 uint32_t ServiceStart(ServiceHost& host) {
   platform::ServiceSystem& system = host.system();
+  WString refusal;
+  if (!SecureServiceData(host, &refusal)) {
+    Log(0, u"%s", refusal);
+    host.ReportError(refusal);
+    host.ReportStatus(platform::kServiceStopped, kStartFailedExitCode, 0);
+    return kServiceStartFailed;
+  }
   if (!CConfiguration::Load()) {
     host.ReportStatus(platform::kServiceStopped, kStartFailedExitCode, 0);
     return kServiceStartFailed;

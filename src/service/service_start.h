@@ -1,8 +1,10 @@
 // ServiceStart: the body of the running broker, shared by the run under the service manager and the
 // console run.
 //
-// Start-up, in this order: load the properties, the configuration and the component modules (a
-// failure reports stopped with exit code 3 and returns 575); the lock-change event; the suspend
+// Start-up, in this order: make sure that only the administrators may change the data files
+// (service_data.h; a refusal fails the start as a failed load does); load the properties, the
+// configuration and the component modules (a failure reports stopped with exit code 3 and returns
+// 575); the lock-change event; the suspend
 // guard; the stop event; the server registry; the TCP server, then the pipe server, each registered
 // and so started (one that cannot start stays registered and idle); report running.
 //

@@ -71,6 +71,15 @@ await_state Orlenda 1 30 || fail "Orlenda did not stop: $(run sc query Orlenda)"
 run "$orlenda" -install >/dev/null
 [ $? -eq $((1073 % 256)) ] || fail "a second install did not fail with the existing-service error"
 
+# A configuration other users may write is refused (Wine shows the Unix mode as the file's DACL).
+chmod o+w "$data/Orlenda.configuration"
+run "$orlenda" -start >/dev/null
+[ $? -eq $((1077 % 256)) ] || fail "a start with a configuration others may write did not fail"
+[ "$(field Orlenda WIN32_EXIT_CODE)" = 3 ] || fail "the refused start's exit code is not 3: $(run sc query Orlenda)"
+grep -q "may be changed by users other than the administrators" "$data/OrlendaLog.log" ||
+  fail "the refusal is not in the trace"
+chmod o-w "$data/Orlenda.configuration"
+
 cp "$data/Orlenda.configuration" "$WINEPREFIX/good.configuration"
 printf '<xmlroot><type value="components">' >"$data/Orlenda.configuration"
 run "$orlenda" -start >/dev/null

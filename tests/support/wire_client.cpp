@@ -63,9 +63,9 @@ std::string RegisterFrame(uint64_t tag, uint32_t event) {
   return RequestFrame(SK_FRAME_REGISTER, tag, DwordBytes(event));
 }
 
-uint32_t WireClient::ConnectTcp(uint16_t port) {
+uint32_t WireClient::ConnectTcp(uint16_t port, const char* from) {
   pending_.clear();
-  return platform::ConnectTcp("127.0.0.1", port, 5000, &socket_);
+  return platform::ConnectTcp("127.0.0.1", port, 5000, &socket_, from);
 }
 
 uint32_t WireClient::ConnectLocal(const char16_t* name) {

@@ -31,7 +31,8 @@ std::string DwordBytes(uint32_t value);
 
 class WireClient {
  public:
-  uint32_t ConnectTcp(uint16_t port);
+  // To 127.0.0.1 from `from` (any address of the loopback range; null: the system's choice).
+  uint32_t ConnectTcp(uint16_t port, const char* from = nullptr);
   uint32_t ConnectLocal(const char16_t* name);
   void Disconnect() { socket_.Close(); }
   bool connected() const { return socket_.is_open(); }

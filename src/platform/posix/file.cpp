@@ -189,6 +189,21 @@ uint32_t RemoveEmptyFolder(const char16_t* path) {
   return rmdir(native.c_str()) == 0 ? kErrorSuccess : LastErrno();
 }
 
+uint32_t OnlyTrustedMayChange(const char16_t* path, bool* trusted) {
+  NativePath native(path);
+  if (!native.ok()) return kErrorInvalidParameter;
+  struct stat info;
+  if (stat(native.c_str(), &info) != 0) return LastErrno();
+  *trusted = (info.st_uid == 0 || info.st_uid == geteuid()) && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  return kErrorSuccess;
+}
+
+uint32_t RestrictFolder(const char16_t* path) {
+  NativePath native(path);
+  if (!native.ok()) return kErrorInvalidParameter;
+  return chmod(native.c_str(), 0755) == 0 ? kErrorSuccess : LastErrno();
+}
+
 bool PathExists(const char16_t* path) {
   NativePath native(path);
   struct stat info;

@@ -43,6 +43,8 @@ LocalServer::LocalServer() : impl_(NewHeapObject<Impl>()) {
 
 LocalServer::~LocalServer() { DeleteHeapObject(impl_); }
 
+uint32_t LocalServer::InstanceMode() { return 0; }
+
 void LocalServer::Wake() {
   if (impl_ != nullptr && impl_->wake_open) impl_->wake.Wake();
 }
@@ -73,7 +75,8 @@ void LocalServer::Run(const char16_t* name, Event* stop, Handler* handler) {
   UnixListenSocket listener;
   const uint32_t opened = impl_ == nullptr ? kErrorNotEnoughMemory : listener.Open(name);
   if (opened != kErrorSuccess) {
-    handler->OnFailure(LocalServerFailure::kCreateInstance, opened);
+    handler->OnFailure(
+        opened == kErrorAccessDenied ? LocalServerFailure::kUnsafeFolder : LocalServerFailure::kCreateInstance, opened);
     handler->OnFailure(LocalServerFailure::kTerminated, opened);
     return;
   }

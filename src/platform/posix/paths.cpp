@@ -1,6 +1,7 @@
 #include "platform/paths.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -64,7 +65,18 @@ uint32_t GetCommonAppDataFolder(FolderVersion /*version*/, char16_t* buffer, std
   return kErrorSuccess;
 }
 
-uint32_t CreateRunDirectory() { return CreateDirectories(RunDirectory()); }
+uint32_t CreateRunDirectory() {
+  const uint32_t error = CreateDirectories(RunDirectory());
+  if (error != kErrorSuccess) return error;
+  // The pipes' sockets (mode 0666, for every local user) live here: nobody but this user (or root)
+  // may be able to replace them, so the folder must be a real folder of theirs, writable by no one
+  // else, as sshd wants of its keys' folder.
+  struct stat info;
+  if (lstat(RunDirectory(), &info) != 0) return LastErrno();
+  const bool owner_ok = info.st_uid == geteuid() || info.st_uid == 0;
+  if (!S_ISDIR(info.st_mode) || !owner_ok || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0) return kErrorAccessDenied;
+  return kErrorSuccess;
+}
 
 uint32_t CreateDirectories(const char* dir) {
   char path[kRunPathBytes];

@@ -18,7 +18,8 @@ const char* RunDirectory();
 // separator, or the path does not fit.
 uint32_t RunDirPath(const char16_t* name, char* out, std::size_t capacity);
 
-// mkdir -p of the run directory, mode 0755 for what it creates.
+// mkdir -p of the run directory, mode 0755 for what it creates; kErrorAccessDenied when it is a
+// symbolic link, belongs to another user than this one or root, or others may write to it.
 // Creates `dir` and every missing ancestor (mode 0755). A folder that exists is fine.
 uint32_t CreateDirectories(const char* dir);
 

@@ -7,6 +7,9 @@
 #include "platform/errors.h"
 #include "platform/win32/windows.h"
 
+#include <aclapi.h>
+#include <sddl.h>
+
 namespace orlenda::platform {
 namespace {
 
@@ -104,6 +107,69 @@ uint32_t CreateFolder(const char16_t* path) {
 uint32_t RemoveEmptyFolder(const char16_t* path) {
   if (!ValidPath(path)) return kErrorInvalidParameter;
   return RemoveDirectoryW(AsWide(path)) ? kErrorSuccess : GetLastError();
+}
+
+namespace {
+
+// What lets an account plant or replace content, or take the object over.
+constexpr ACCESS_MASK kChangeRights = FILE_WRITE_DATA | FILE_APPEND_DATA | FILE_DELETE_CHILD | DELETE | WRITE_DAC |
+                                      WRITE_OWNER | GENERIC_WRITE | GENERIC_ALL;
+
+// SYSTEM, the Administrators, and the account this process runs as (the service's own).
+bool IsTrustedSid(PSID sid) {
+  if (IsWellKnownSid(sid, WinLocalSystemSid) || IsWellKnownSid(sid, WinBuiltinAdministratorsSid)) return true;
+  HANDLE token = nullptr;
+  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) return false;
+  alignas(TOKEN_USER) unsigned char buffer[256];
+  DWORD length = 0;
+  const bool mine = GetTokenInformation(token, TokenUser, buffer, sizeof(buffer), &length) &&
+                    EqualSid(reinterpret_cast<TOKEN_USER*>(buffer)->User.Sid, sid);
+  CloseHandle(token);
+  return mine;
+}
+
+}  // namespace
+
+uint32_t OnlyTrustedMayChange(const char16_t* path, bool* trusted) {
+  if (!ValidPath(path)) return kErrorInvalidParameter;
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  PSID owner = nullptr;
+  PACL dacl = nullptr;
+  const DWORD error = GetNamedSecurityInfoW(AsWide(path), SE_FILE_OBJECT,
+                                            OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, &owner,
+                                            nullptr, &dacl, nullptr, &descriptor);
+  if (error != ERROR_SUCCESS) return error;
+  // No DACL at all lets everyone do everything.
+  bool safe = owner != nullptr && IsTrustedSid(owner) && dacl != nullptr;
+  for (DWORD i = 0; safe && i < dacl->AceCount; ++i) {
+    void* ace = nullptr;
+    if (!GetAce(dacl, i, &ace)) continue;
+    const auto* header = static_cast<const ACE_HEADER*>(ace);
+    if (header->AceType != ACCESS_ALLOWED_ACE_TYPE || (header->AceFlags & INHERIT_ONLY_ACE) != 0) continue;
+    auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(ace);
+    if ((allowed->Mask & kChangeRights) != 0 && !IsTrustedSid(&allowed->SidStart)) safe = false;
+  }
+  LocalFree(descriptor);
+  *trusted = safe;
+  return kErrorSuccess;
+}
+
+uint32_t RestrictFolder(const char16_t* path) {
+  if (!ValidPath(path)) return kErrorInvalidParameter;
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;FR;;;BU)",
+                                                            SDDL_REVISION_1, &descriptor, nullptr)) {
+    return GetLastError();
+  }
+  BOOL present = FALSE;
+  BOOL defaulted = FALSE;
+  PACL dacl = nullptr;
+  GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted);
+  const DWORD error = SetNamedSecurityInfoW(const_cast<wchar_t*>(AsWide(path)), SE_FILE_OBJECT,
+                                            DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
+                                            nullptr, nullptr, dacl, nullptr);
+  LocalFree(descriptor);
+  return error;
 }
 
 bool PathExists(const char16_t* path) {

@@ -20,7 +20,10 @@ namespace {
 
 constexpr DWORD kBufferBytes = 4096;
 constexpr DWORD kOpenMode = PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED;                 // 0x40000003
-constexpr DWORD kPipeMode = PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT;     // 6
+// The stated mode (6), and beside it the rejection of remote clients: a pipe whose security lets
+// every user in would otherwise also let in clients of other machines over file sharing, where
+// they belong on TCP, which has its own limits.
+constexpr DWORD kPipeMode = PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS;
 constexpr DWORD kDrainSleepMs = 10;
 constexpr DWORD kDrainLimitMs = 5000;
 
@@ -79,6 +82,8 @@ LocalServer::LocalServer() : impl_(NewHeapObject<Impl>()) {}
 LocalServer::~LocalServer() { DeleteHeapObject(impl_); }
 
 void LocalServer::Wake() {}  // the loop waits on the stop event itself
+
+uint32_t LocalServer::InstanceMode() { return kPipeMode; }
 
 namespace {
 

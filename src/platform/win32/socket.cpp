@@ -110,7 +110,7 @@ uint32_t SendSome(const Socket& socket, const void* data, std::size_t size, std:
   return kErrorSuccess;
 }
 
-uint32_t ConnectTcp(const char* host, uint16_t port, uint32_t timeout_ms, Socket* out) {
+uint32_t ConnectTcp(const char* host, uint16_t port, uint32_t timeout_ms, Socket* out, const char* from) {
   SocketStartup();
   addrinfo hints{};
   hints.ai_family = AF_INET;
@@ -124,6 +124,11 @@ uint32_t ConnectTcp(const char* host, uint16_t port, uint32_t timeout_ms, Socket
   Socket socket;
   uint32_t error = OpenTcpSocket(&socket);
   if (error == kErrorSuccess) error = SetNonBlocking(socket);
+  if (error == kErrorSuccess && from != nullptr) {
+    in_addr local{};
+    if (inet_pton(AF_INET, from, &local) != 1) return kErrorHostNotFound;
+    error = BindIpv4(socket, ntohl(local.s_addr), 0);
+  }
   if (error != kErrorSuccess) return error;
   if (connect(Raw(socket), reinterpret_cast<const sockaddr*>(&where), sizeof(where)) != 0) {
     error = LastSocketError();
