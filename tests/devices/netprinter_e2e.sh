@@ -163,4 +163,10 @@ tr -d '\r' <"$work/session.txt" | grep -A1 "^ioctl 0x40080001" | tail -n 1 | gre
 cat receipt.bin <(printf '\x10\x04\x01') after.bin | cmp -s - received.bin ||
   fail "the printer did not receive the write after the power cycle exactly"
 [ "$(grep -c '^connection' printer.txt)" -eq 2 ] || fail "the broker did not connect exactly twice: $(cat printer.txt)"
+# 4. The broker stops on request (its console run's exit status is the thread's last error, so
+#    not looked at), and a sanitizer build has nothing to report.
+kill -INT "$broker"
+await 30 eval '! kill -0 "$broker" 2>/dev/null' || fail "the broker did not stop"
+broker=""
+grep -q "Sanitizer" "$work/broker.txt" && fail "the broker's sanitizer report"
 echo "netprinter_e2e ($([ "$runner" = native ] && echo native || echo Wine)): passed"
