@@ -1,5 +1,6 @@
 #include "settings/property_handler.h"
 
+#include "common/log_format.h"
 #include "logging/log.h"
 #include "platform/file.h"
 #include "platform/paths.h"
@@ -49,7 +50,10 @@ void CPropertyHandler::Locate(const WString& file_name) {
 
 void CPropertyHandler::Load() {
   if (!document_.LoadFile(path_) || !document_.HasValidRoot()) {
-    Log(0, u"-- CPropertyHandler::CPropertyHandle(%s) <%s>", path_, document_.GetReport());
+    // The trace line holds kLogTextMax characters at most; a report of a file full of errors
+    // is far longer, and only what the line can show is formatted.
+    Log(0, u"-- CPropertyHandler::CPropertyHandle(%s) <%s>", path_,
+        document_.GetReportHead(kLogTextMax));
     keep_unusable_file_ = platform::PathExists(path_.c_str());
     StartEmpty();
     return;

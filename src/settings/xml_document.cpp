@@ -28,7 +28,8 @@ bool XmlDocument::LoadFile(const WString& path) {
   if (!ReadXmlFileBytes(path, &buffer, &size, &error_text)) {
     text_.clear();
     ParseCurrentText();  // an empty document, cursor reset
-    report_.swap(error_text);
+    impl_->report.Clear();
+    impl_->report.AddPhrase(View(error_text));
     return false;
   }
   return LoadBuffer(&buffer, size);
@@ -44,29 +45,32 @@ bool XmlDocument::LoadBuffer(WString* buffer, std::size_t size) {
   WString summary;
   DecodeXmlBuffer(buffer, size, &flags_, &summary);
   text_.swap(*buffer);
-  const bool well_formed = ParseCurrentText();
-  // The read summary comes first, the parse findings after it.
-  if (!report_.empty()) summary.append(u", ").append(report_);
-  report_.swap(summary);
-  return well_formed;
+  return ParseCurrentText(View(summary));  // the read summary first, the parse findings after it
 }
 
 bool XmlDocument::SaveFile(const WString& path) {
   WString summary;
   const bool saved = WriteXmlFile(path, View(text_), flags_, &summary);
-  report_.swap(summary);
+  impl_->report.Clear();
+  impl_->report.AddPhrase(View(summary));
   return saved;
 }
 
 void XmlDocument::CopyFrom(const XmlDocument& other) {
   if (this == &other) return;
   text_ = other.text_;
-  report_ = other.report_;
   flags_ = other.flags_;
   parent_ = other.parent_;
   main_ = other.main_;
   child_ = other.child_;
   impl_->index = other.impl_->index;
+  impl_->report = other.impl_->report;
+}
+
+const WString& XmlDocument::GetReport() const { return impl_->report.Text(text_); }
+
+WString XmlDocument::GetReportHead(std::size_t max_chars) const {
+  return impl_->report.Head(text_, max_chars);
 }
 
 bool XmlDocument::HasValidRoot() const {

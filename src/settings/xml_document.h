@@ -5,8 +5,8 @@
 //
 // Accepted subset: start, end and empty-element tags with quoted attributes, comments, CDATA
 // sections, processing instructions and a document type declaration (both skipped as units), and
-// text with entity references. Parsing never stops on an error: each finding is appended to the
-// report (phrases joined by ", ") and the element concerned is flagged ill-formed.
+// text with entity references. Parsing never stops on an error: each finding goes into the report
+// (phrases joined by ", ") and the element concerned is flagged ill-formed.
 //
 // Element numbers: 0 is the document itself (the parent of the root) and also means "no element".
 // Records live in segments of 65,536; the high 16 bits of a number select the segment.
@@ -65,7 +65,11 @@ class XmlDocument {
   void CopyFrom(const XmlDocument& other);
 
   bool HasValidRoot() const;
-  const WString& GetReport() const { return report_; }
+  // The last operation's report. A parse keeps its findings as records; their phrases are
+  // formatted on the first read, so a text full of errors costs little to parse.
+  const WString& GetReport() const;
+  // The first `max_chars` characters of the report, without formatting the rest of it.
+  WString GetReportHead(std::size_t max_chars) const;
   uint32_t flags() const { return flags_; }
   void set_flags(uint32_t flags) { flags_ = flags; }
 
@@ -138,8 +142,9 @@ class XmlDocument {
   // The part of LoadFile and LoadBytes after the bytes are in `buffer` (see xml_file.h): decode,
   // parse, report.
   bool LoadBuffer(WString* buffer, std::size_t size);
-  // Parses text_ as it stands: rebuilds the index, resets the cursor, fills the report.
-  bool ParseCurrentText();
+  // Parses text_ as it stands: rebuilds the index, resets the cursor, fills the report (after
+  // `summary`, when one is given).
+  bool ParseCurrentText(WStringView summary = WStringView());
   // Puts `element_text` (one element, starting at its "<") on a line of its own after the main
   // element, or after the level's last element when the main position is reset; returns the
   // offset where the element now begins.
@@ -150,7 +155,6 @@ class XmlDocument {
   // element, or after the level's last element, and makes it the main element.
   void LinkAtCursor(ElementId id);
   WString text_;
-  WString report_;
   uint32_t flags_ = 0;
   ElementId parent_ = 0;
   ElementId main_ = 0;

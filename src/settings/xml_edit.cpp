@@ -4,10 +4,12 @@
 // so element numbers the caller holds stay valid). A re-parse of the edited text gives the same
 // tree with the same offsets.
 #include <new>
+#include <utility>
 
 #include "settings/xml_document.h"
 #include "settings/xml_escape.h"
 #include "settings/xml_index.h"
+#include "settings/xml_report.h"
 
 namespace orlenda {
 namespace {
@@ -15,10 +17,12 @@ namespace {
 bool IsBlank(WChar c) { return c == u' ' || c == u'\t'; }
 bool IsLineBreak(WChar c) { return c == u'\r' || c == u'\n'; }
 
-// Replaces `remove` characters at `pos` by `insert` and keeps the index in step. Elements inside
-// the replaced stretch must already be marked removed.
-void Splice(WString* text, XmlElementIndex* index, uint32_t pos, uint32_t remove,
-            WStringView insert) {
+// Replaces `remove` characters at `pos` of the document's text by `insert` and keeps the index in
+// step. Elements inside the replaced stretch must already be marked removed. A report whose
+// findings name places in the text keeps the text as it was.
+void Splice(WString* text, XmlReport* report, XmlElementIndex* index, uint32_t pos,
+            uint32_t remove, WStringView insert) {
+  report->DetachFrom(*text);
   text->replace(pos, remove, insert.data(), insert.size());
   const int64_t delta = static_cast<int64_t>(insert.size()) - static_cast<int64_t>(remove);
   const uint32_t behind = pos + remove;
@@ -67,7 +71,7 @@ uint32_t EndTagStart(const WString& text, const XmlElementRecord& r) {
 // "<name attributes/>" becomes "<name attributes></name>", so that the element can take content.
 // Blanks and further slashes before the "/" go with it: "<name //>" is an empty-element tag too,
 // and what is left must not end in "/".
-void ExpandEmptyElement(WString* text, XmlElementIndex* index, uint32_t id) {
+void ExpandEmptyElement(WString* text, XmlReport* report, XmlElementIndex* index, uint32_t id) {
   const XmlElementRecord r = (*index)[id];
   const uint32_t tag_end = r.offset + r.tag_length;
   uint32_t slash = tag_end - 2;
@@ -77,7 +81,7 @@ void ExpandEmptyElement(WString* text, XmlElementIndex* index, uint32_t id) {
   }
   WString replacement(u"></");
   replacement.append(*text, r.offset + 1, r.name_length).append(u">");
-  Splice(text, index, slash, tag_end - slash, View(replacement));
+  Splice(text, report, index, slash, tag_end - slash, View(replacement));
   XmlElementRecord& grown = (*index)[id];
   grown.tag_length = slash + 1 - r.offset;
   grown.total_length = grown.tag_length + 3 + r.name_length;
@@ -182,7 +186,9 @@ uint32_t XmlDocument::PlaceAtCursor(WStringView element_text) {
       insert.append(u"\r\n").append(index[after].next_sibling != 0 ? indent : parent_indent);
     }
   } else if (parent_ != 0) {
-    if (index[parent_].is_empty_tag()) ExpandEmptyElement(&text_, &index, parent_);
+    if (index[parent_].is_empty_tag()) {
+      ExpandEmptyElement(&text_, &impl_->report, &index, parent_);
+    }
     const XmlElementRecord& parent = index[parent_];
     WString indent = parent_indent;
     indent.append(parent_indent.find(u'\t') != WString::npos ? u"\t" : u"  ");
@@ -210,7 +216,7 @@ uint32_t XmlDocument::PlaceAtCursor(WStringView element_text) {
     lead = static_cast<uint32_t>(insert.size());
     insert.append(element_text.data(), element_text.size());
   }
-  Splice(&text_, &index, pos, 0, View(insert));
+  Splice(&text_, &impl_->report, &index, pos, 0, View(insert));
   return pos + lead;
 }
 
@@ -275,11 +281,11 @@ bool XmlDocument::SetAttribute(WStringView name, WStringView value) {
                                 (text_[span.value_offset - 1] == u'"' ||
                                  text_[span.value_offset - 1] == u'\'');
       if (quoted_value) {
-        Splice(&text_, &index, span.value_offset - 1, span.end - span.value_offset + 1,
-               View(quoted));
+        Splice(&text_, &impl_->report, &index, span.value_offset - 1,
+               span.end - span.value_offset + 1, View(quoted));
       } else {
         quoted.insert(0, u"=");
-        Splice(&text_, &index, name_end, span.end - name_end, View(quoted));
+        Splice(&text_, &impl_->report, &index, name_end, span.end - name_end, View(quoted));
       }
       return true;
     }
@@ -287,7 +293,7 @@ bool XmlDocument::SetAttribute(WStringView name, WStringView value) {
   }
   WString attribute(u" ");
   attribute.append(name.data(), name.size()).append(u"=").append(quoted);
-  Splice(&text_, &index, insert_at, 0, View(attribute));
+  Splice(&text_, &impl_->report, &index, insert_at, 0, View(attribute));
   return true;
 }
 
@@ -317,7 +323,7 @@ bool XmlDocument::RemoveElement() {
     index[r.parent].first_child = r.next_sibling;
   }
   if (r.next_sibling != 0) index[r.next_sibling].prev_sibling = r.prev_sibling;
-  Splice(&text_, &index, start, stop - start, WStringView());
+  Splice(&text_, &impl_->report, &index, start, stop - start, WStringView());
   main_ = r.prev_sibling;
   child_ = 0;
   return true;
@@ -328,27 +334,28 @@ bool XmlDocument::RemoveElement() {
 bool XmlDocument::SetContent(WStringView text) {
   XmlElementIndex& index = impl_->index;
   if (!index.IsElement(main_)) return false;
-  const WString content(text.data(), text.size());  // `text` may be a view of text_
+  WString content(text.data(), text.size());  // `text` may be a view of text_
   if (text_.size() + content.size() >= kMaxTextLength) return false;
   XmlElementIndex fragment;
   fragment.Reset(content.size());
-  WString findings;
-  if (ParseXmlElements(View(content), &fragment, &findings) != 0) {
-    report_.swap(findings);
+  XmlReport& report = impl_->report;
+  report.Clear();
+  if (ParseXmlElements(View(content), &fragment, &report) != 0) {
+    report.KeepSource(std::move(content));
     return false;
   }
-  report_.clear();
   for (uint32_t id = index[main_].first_child; id != 0; id = index[id].next_sibling) {
     MarkSubtreeRemoved(&index, id);
   }
   index[main_].first_child = 0;
   if (index[main_].is_empty_tag()) {
     if (content.empty()) return true;
-    ExpandEmptyElement(&text_, &index, main_);
+    ExpandEmptyElement(&text_, &impl_->report, &index, main_);
   }
   const uint32_t content_start = index[main_].offset + index[main_].tag_length;
   const uint32_t content_end = EndTagStart(text_, index[main_]);
-  Splice(&text_, &index, content_start, content_end - content_start, View(content));
+  Splice(&text_, &impl_->report, &index, content_start, content_end - content_start,
+         View(content));
   const uint32_t first = ImportRecords(fragment, 1, fragment.count(), content_start, main_, &index);
   if (fragment[0].first_child != 0) {
     index[main_].first_child = first + (fragment[0].first_child - 1);
@@ -363,25 +370,20 @@ WString XmlDocument::ExtractSubtree() const {
 
 bool XmlDocument::InsertSubtree(WStringView text) {
   if (!CanPlaceAtCursor()) return false;
-  const WString subtree(text.data(), text.size());  // `text` may be a view of text_
+  WString subtree(text.data(), text.size());  // `text` may be a view of text_
   if (text_.size() + subtree.size() + 4 >= kMaxTextLength) return false;
   XmlElementIndex fragment;
   fragment.Reset(subtree.size());
-  WString findings;
-  const std::size_t errors = ParseXmlElements(View(subtree), &fragment, &findings);
-  const uint32_t root = fragment[0].first_child;
-  if (subtree.empty()) {
-    AppendReportPhrase(&findings, u"Empty document");
-  } else if (root == 0) {
-    AppendReportPhrase(&findings, u"No root element");
-  } else if (fragment[root].next_sibling != 0) {
-    AppendReportPhrase(&findings, u"Root element has sibling");
-  }
-  if (errors != 0 || root == 0 || fragment[root].next_sibling != 0) {
-    report_.swap(findings);
+  XmlReport& report = impl_->report;
+  report.Clear();
+  const std::size_t errors = ParseXmlElements(View(subtree), &fragment, &report);
+  const char16_t* root_finding = RootFinding(fragment, subtree.empty());
+  if (root_finding != nullptr) report.AddPhrase(root_finding);
+  if (errors != 0 || root_finding != nullptr) {
+    report.KeepSource(std::move(subtree));
     return false;
   }
-  report_.clear();
+  const uint32_t root = fragment[0].first_child;
   // Only the root element is taken; a declaration or comments around it stay behind.
   const XmlElementRecord& top = fragment[root];
   const uint32_t offset =

@@ -12,6 +12,7 @@
 #include "common/heap.h"
 #include "common/wide_string.h"
 #include "settings/xml_document.h"
+#include "settings/xml_report.h"
 
 namespace orlenda {
 
@@ -74,12 +75,17 @@ class XmlElementIndex {
 
 struct XmlDocument::Impl {
   XmlElementIndex index;
+  XmlReport report;
 };
 
 // The one-pass parse. Fills `index` (which must have been Reset for `text`) with every element of
-// `text` and appends each finding to `report` (phrases joined by ", "). Returns the number of
+// `text` and adds each finding to `report`, naming places in `text`. Returns the number of
 // findings. The document-level checks (empty text, root count) are the caller's.
-std::size_t ParseXmlElements(WStringView text, XmlElementIndex* index, WString* report);
+std::size_t ParseXmlElements(WStringView text, XmlElementIndex* index, XmlReport* report);
+
+// The document-level finding of a parsed text, or nullptr when it has one root element and
+// nothing beside it: "Empty document", "No root element" or "Root element has sibling".
+const char16_t* RootFinding(const XmlElementIndex& index, bool empty_text);
 
 // One attribute inside a start tag, as offsets into the text.
 struct XmlAttributeSpan {
@@ -94,9 +100,6 @@ struct XmlAttributeSpan {
 // false when there are no more.
 bool NextXmlAttribute(const WString& text, const XmlElementRecord& element, uint32_t* pos,
                       XmlAttributeSpan* out);
-
-// Appends `phrase` to a report, after ", " when the report already holds something.
-void AppendReportPhrase(WString* report, WStringView phrase);
 
 // Characters of the tag grammar. The sets below ASCII 64 are tested as bits of one word, which
 // the parser's inner loops like better than a chain of comparisons.

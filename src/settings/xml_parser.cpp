@@ -1,16 +1,16 @@
 // The one-pass parse of XmlDocument: a single left-to-right scan with a stack of open elements
-// that fills the element index. No per-node strings are built: names are compared in place and
-// only the findings are formatted. Nothing here recurses, so nesting depth is bounded by memory
-// only.
+// that fills the element index. No strings are built: names are compared in place, and findings
+// go into the report as records that name places in the text. Nothing here recurses, so nesting
+// depth is bounded by memory only.
 #include <chrono>
 #include <cstring>
 #include <functional>
 #include <unordered_map>
 
 #include "common/heap.h"
-#include "common/log_format.h"
 #include "settings/xml_document.h"
 #include "settings/xml_index.h"
+#include "settings/xml_report.h"
 #include "settings/xml_scan.h"
 
 namespace orlenda {
@@ -38,11 +38,6 @@ uint32_t XmlElementIndex::Add() {
   }
   segment.emplace_back();
   return count_++;
-}
-
-void AppendReportPhrase(WString* report, WStringView phrase) {
-  if (!report->empty()) report->append(u", ");
-  report->append(phrase.data(), phrase.size());
 }
 
 namespace {
@@ -119,7 +114,7 @@ class OpenNameIndex {
 
 class Parser {
  public:
-  Parser(WStringView text, XmlElementIndex* index, WString* report)
+  Parser(WStringView text, XmlElementIndex* index, XmlReport* report)
       : begin_(text.data()), end_(text.data() + text.size()), index_(*index), report_(report) {}
 
   std::size_t Run();
@@ -136,14 +131,12 @@ class Parser {
     if (!open_.empty()) index_[open_.back()].flags |= kXmlElementIllFormed;
   }
   template <class... A>
-  void Finding(const char16_t* format, const A&... args) {
-    char16_t buffer[kLogBufferChars];
-    const std::size_t length = FormatLog(buffer, format, args...);
-    AppendReportPhrase(report_, WStringView(buffer, length));
+  void Finding(XmlFinding kind, const A&... args) {
+    report_->Add(kind, args...);
     ++findings_;
   }
-  void Unterminated(const char16_t* construct, const WChar* at) {
-    Finding(u"%s at offset %d unterminated", construct, OffsetOf(at));
+  void Unterminated(XmlFinding construct, const WChar* at) {
+    Finding(construct, OffsetOf(at));
     FlagInnermost();
   }
   // Position of the first `pattern` at or after `from`, or end_.
@@ -169,7 +162,7 @@ class Parser {
   const WChar* const begin_;
   const WChar* const end_;
   XmlElementIndex& index_;
-  WString* report_;
+  XmlReport* report_;
   std::size_t findings_ = 0;
   HeapVector<uint32_t> open_;        // open elements, innermost last
   OpenNameIndex by_name_;
@@ -184,7 +177,7 @@ std::size_t Parser::Run() {
     if (p == end_) break;
     const WChar* lt = p;
     if (end_ - lt < 2) {
-      Unterminated(u"tag", lt);
+      Unterminated(XmlFinding::kUnterminatedTag, lt);
       break;
     }
     const WChar c = lt[1];
@@ -195,7 +188,7 @@ std::size_t Parser::Run() {
     } else if (c == u'?') {
       const WChar* close = Find(lt + 2, u"?>", 2);
       if (close == end_) {
-        Unterminated(u"Processing instruction", lt);
+        Unterminated(XmlFinding::kUnterminatedInstruction, lt);
         p = nullptr;
       } else {
         p = close + 2;
@@ -204,7 +197,7 @@ std::size_t Parser::Run() {
       p = StartTag(lt);
     } else {
       // The "<" is taken as text and the scan goes on behind it.
-      Finding(u"Incorrect %s at offset %d", u"tag name character", OffsetOf(lt + 1));
+      Finding(XmlFinding::kIncorrectNameStart, OffsetOf(lt + 1));
       FlagInnermost();
       p = lt + 1;
     }
@@ -213,11 +206,12 @@ std::size_t Parser::Run() {
   // Whatever is still open runs to the end of the text; reported outermost first, in the order
   // the elements appear.
   const uint32_t text_end = OffsetOf(end_);
+  report_->Reserve(open_.size());
   for (uint32_t id : open_) {
     XmlElementRecord& r = index_[id];
     r.total_length = text_end - r.offset;
     r.flags |= kXmlElementIllFormed | kXmlElementNoEndTag;
-    Finding(u"Element '%s' at offset %d not ended", NameOf(id), r.offset);
+    Finding(XmlFinding::kNotEnded, r.offset, r.name_length);
   }
   return findings_;
 }
@@ -229,7 +223,7 @@ const WChar* Parser::StartTag(const WChar* lt) {
   // Attributes are not looked at here, only stepped over: quoted values may hold ">".
   q = FindXmlTagEnd(q, end_);
   if (q == end_) {
-    Unterminated(u"Element tag", lt);
+    Unterminated(XmlFinding::kUnterminatedElementTag, lt);
     return nullptr;
   }
   const bool empty = q[-1] == u'/';
@@ -263,13 +257,13 @@ const WChar* Parser::EndTag(const WChar* lt) {
   const WStringView end_name(name, static_cast<std::size_t>(q - name));
   q = FindChar(q, end_, u'>');
   if (q == end_) {
-    Unterminated(u"Element end tag", lt);
+    Unterminated(XmlFinding::kUnterminatedEndTag, lt);
     return nullptr;
   }
   const uint32_t at = OffsetOf(lt);
   const uint32_t after = OffsetOf(q + 1);
   if (open_.empty()) {
-    Finding(u"No start tag for end tag '%s' at offset %d", end_name, at);
+    Finding(XmlFinding::kNoStartTag, at, static_cast<uint32_t>(end_name.size()));
     return q + 1;
   }
   const uint32_t innermost = open_.back();
@@ -277,8 +271,8 @@ const WChar* Parser::EndTag(const WChar* lt) {
     Close(innermost, after);
     return q + 1;
   }
-  Finding(u"End tag '%s' at offset %d does not match start tag '%s' at offset %d", end_name, at,
-          NameOf(innermost), index_[innermost].offset);
+  Finding(XmlFinding::kMismatch, at, static_cast<uint32_t>(end_name.size()),
+          index_[innermost].offset, index_[innermost].name_length);
   // Recovery: when an enclosing element has this name, the elements inside it were left open by
   // mistake; they end where this end tag begins and the named one closes normally. Otherwise the
   // end tag is a stray and is skipped.
@@ -297,23 +291,23 @@ const WChar* Parser::EndTag(const WChar* lt) {
 // "<!": comment, CDATA section or document type declaration.
 const WChar* Parser::Bang(const WChar* lt) {
   if (end_ - lt < 3) {
-    Unterminated(u"tag", lt);
+    Unterminated(XmlFinding::kUnterminatedTag, lt);
     return nullptr;
   }
   const WChar kind = lt[2];
   if (kind == u'-') {
     if (end_ - lt < 4) {
-      Unterminated(u"Comment", lt);
+      Unterminated(XmlFinding::kUnterminatedComment, lt);
       return nullptr;
     }
     if (lt[3] != u'-') {
-      Finding(u"Incorrect %s at offset %d", u"comment tag", OffsetOf(lt));
+      Finding(XmlFinding::kIncorrectComment, OffsetOf(lt));
       FlagInnermost();
       return lt + 1;
     }
     const WChar* close = Find(lt + 4, u"-->", 3);
     if (close == end_) {
-      Unterminated(u"Comment", lt);
+      Unterminated(XmlFinding::kUnterminatedComment, lt);
       return nullptr;
     }
     return close + 3;
@@ -323,18 +317,18 @@ const WChar* Parser::Bang(const WChar* lt) {
     constexpr std::ptrdiff_t kOpenLength = 9;
     for (std::ptrdiff_t i = 3; i < kOpenLength; ++i) {
       if (lt + i == end_) {
-        Unterminated(u"CDATA Section", lt);
+        Unterminated(XmlFinding::kUnterminatedCdata, lt);
         return nullptr;
       }
       if (lt[i] != kOpen[i]) {
-        Finding(u"Incorrect %s at offset %d", u"! tag", OffsetOf(lt));
+        Finding(XmlFinding::kIncorrectBang, OffsetOf(lt));
         FlagInnermost();
         return lt + 1;
       }
     }
     const WChar* close = Find(lt + kOpenLength, u"]]>", 3);
     if (close == end_) {
-      Unterminated(u"CDATA Section", lt);
+      Unterminated(XmlFinding::kUnterminatedCdata, lt);
       return nullptr;
     }
     return close + 3;
@@ -351,48 +345,48 @@ const WChar* Parser::Bang(const WChar* lt) {
         return q + 1;
       }
     }
-    Unterminated(u"Doctype", lt);
+    Unterminated(XmlFinding::kUnterminatedDoctype, lt);
     return nullptr;
   }
-  Finding(u"Incorrect %s at offset %d", u"! tag", OffsetOf(lt));
+  Finding(XmlFinding::kIncorrectBang, OffsetOf(lt));
   FlagInnermost();
   return lt + 1;
 }
 
 }  // namespace
 
-std::size_t ParseXmlElements(WStringView text, XmlElementIndex* index, WString* report) {
+std::size_t ParseXmlElements(WStringView text, XmlElementIndex* index, XmlReport* report) {
   Parser parser(text, index, report);
   const std::size_t findings = parser.Run();
   (*index)[0].total_length = static_cast<uint32_t>(text.size());
   return findings;
 }
 
-bool XmlDocument::ParseCurrentText() {
+const char16_t* RootFinding(const XmlElementIndex& index, bool empty_text) {
+  if (empty_text) return u"Empty document";
+  const uint32_t root = index[0].first_child;
+  if (root == 0) return u"No root element";
+  if (index[root].next_sibling != 0) return u"Root element has sibling";
+  return nullptr;
+}
+
+bool XmlDocument::ParseCurrentText(WStringView summary) {
   parent_ = main_ = child_ = 0;
-  report_.clear();
+  XmlReport& report = impl_->report;
+  report.Clear();
+  if (!summary.empty()) report.AddPhrase(summary);
   XmlElementIndex& index = impl_->index;
   index.Reset(text_.size());
   if (text_.size() >= kMaxTextLength) {
     // Offsets are 32-bit; a text this long is refused rather than mis-indexed.
-    AppendReportPhrase(&report_, u"Document too large");
+    report.AddPhrase(u"Document too large");
     text_.clear();
     return false;
   }
-  bool well_formed = ParseXmlElements(View(text_), &index, &report_) == 0;
-  if (text_.empty()) {
-    AppendReportPhrase(&report_, u"Empty document");
-    return false;
-  }
-  const uint32_t root = index[0].first_child;
-  if (root == 0) {
-    AppendReportPhrase(&report_, u"No root element");
-    well_formed = false;
-  } else if (index[root].next_sibling != 0) {
-    AppendReportPhrase(&report_, u"Root element has sibling");
-    well_formed = false;
-  }
-  return well_formed;
+  const std::size_t findings = ParseXmlElements(View(text_), &index, &report);
+  const char16_t* root_finding = RootFinding(index, text_.empty());
+  if (root_finding != nullptr) report.AddPhrase(root_finding);
+  return findings == 0 && root_finding == nullptr;
 }
 
 bool XmlDocument::ParseText(WStringView text) {
