@@ -4,8 +4,6 @@
 // down), and the event log is syslog.
 #include "platform/service_system.h"
 
-#include <pthread.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -17,6 +15,7 @@
 #include <cstring>
 
 #include "platform/errors.h"
+#include "platform/posix/stop_signals.h"
 #include "platform/posix/utf8.h"
 
 namespace orlenda::platform {
@@ -26,42 +25,19 @@ std::atomic<ServiceSystem::ControlHandler> g_control{nullptr};
 std::atomic<ServiceSystem::InterruptHandler> g_interrupt{nullptr};
 std::atomic<bool> g_signal_thread{false};
 
-sigset_t StopSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  return signals;
-}
-
-void* SignalThread(void*) {
-  const sigset_t signals = StopSignals();
-  for (;;) {
-    int number = 0;
-    if (sigwait(&signals, &number) != 0) continue;
-    if (ServiceSystem::InterruptHandler interrupt = g_interrupt.load()) {
-      interrupt();
-    } else if (ServiceSystem::ControlHandler control = g_control.load()) {
-      control(kServiceControlStop);
-    }
+// A stop signal: the console's interrupt when one is set, else the service's stop control.
+void OnStopSignal(void*) {
+  if (ServiceSystem::InterruptHandler interrupt = g_interrupt.load()) {
+    interrupt();
+  } else if (ServiceSystem::ControlHandler control = g_control.load()) {
+    control(kServiceControlStop);
   }
-  return nullptr;
 }
 
-// Blocks the stop signals in this thread (the threads it starts later inherit that) and starts the
-// thread that takes them. Once per process.
-bool TakeStopSignals() {
+// Once per process.
+bool TakeStopSignalsOnce() {
   if (g_signal_thread.exchange(true)) return true;
-  const sigset_t signals = StopSignals();
-  if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) return false;
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  pthread_t thread;
-  const bool started = pthread_create(&thread, &attributes, SignalThread, nullptr) == 0;
-  pthread_attr_destroy(&attributes);
-  if (!started) pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-  return started;
+  return TakeStopSignals(&OnStopSignal, nullptr);
 }
 
 // One notification to systemd, when it asked for them.
@@ -93,7 +69,7 @@ struct Narrow {
 class PosixServiceSystem : public ServiceSystem {
  public:
   uint32_t RunDispatcher(const char16_t*, ServiceMain main) override {
-    if (!TakeStopSignals()) return platform::LastError();
+    if (!TakeStopSignalsOnce()) return platform::LastError();
     main();
     return 0;
   }
@@ -126,7 +102,7 @@ class PosixServiceSystem : public ServiceSystem {
   uint32_t LastError() override { return platform::LastError(); }
   bool SetInterruptHandler(InterruptHandler handler) override {
     g_interrupt.store(handler);
-    return TakeStopSignals();
+    return TakeStopSignalsOnce();
   }
 };
 

@@ -23,21 +23,27 @@ DWORD WINAPI Trampoline(void* block) {
   return 0;
 }
 
+// A new thread running entry(arg); its handle, or null when the system refuses.
+HANDLE StartThread(Thread::Entry entry, void* arg) {
+  void* memory = HeapAllocZero(sizeof(StartBlock));
+  if (memory == nullptr) return nullptr;
+  auto* block = new (memory) StartBlock{entry, arg};
+  HANDLE handle = CreateThread(nullptr, 0, Trampoline, block, 0, nullptr);
+  if (handle == nullptr) {
+    block->~StartBlock();
+    HeapFreeBlock(block);
+  }
+  return handle;
+}
+
 }  // namespace
 
 Thread::~Thread() { Join(); }
 
 bool Thread::Start(Entry entry, void* arg) {
   if (handle_ != 0) return false;
-  void* memory = HeapAllocZero(sizeof(StartBlock));
-  if (memory == nullptr) return false;
-  auto* block = new (memory) StartBlock{entry, arg};
-  HANDLE handle = CreateThread(nullptr, 0, Trampoline, block, 0, nullptr);
-  if (handle == nullptr) {
-    block->~StartBlock();
-    HeapFreeBlock(block);
-    return false;
-  }
+  HANDLE handle = StartThread(entry, arg);
+  if (handle == nullptr) return false;
   handle_ = reinterpret_cast<uintptr_t>(handle);
   return true;
 }
@@ -51,15 +57,8 @@ void Thread::Join() {
 }
 
 bool StartDetachedThread(Thread::Entry entry, void* arg) {
-  void* memory = HeapAllocZero(sizeof(StartBlock));
-  if (memory == nullptr) return false;
-  auto* block = new (memory) StartBlock{entry, arg};
-  HANDLE handle = CreateThread(nullptr, 0, Trampoline, block, 0, nullptr);
-  if (handle == nullptr) {
-    block->~StartBlock();
-    HeapFreeBlock(block);
-    return false;
-  }
+  HANDLE handle = StartThread(entry, arg);
+  if (handle == nullptr) return false;
   CloseHandle(handle);
   return true;
 }
