@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: native, AddressSanitizer + UndefinedBehaviorSanitizer, ThreadSanitizer, and
-# the Windows build under Wine; then the XML fuzz targets for a bounded time (scripts/fuzz.sh).
+# the Windows build under Wine; then the fuzz targets, 20 s each (scripts/fuzz.sh). Prints the time of
+# each step at the end.
 # Installs missing packages first.
 #   test.sh                 everything
 #   test.sh native asan     only the named presets ("fuzz" names the fuzzing step)
@@ -18,10 +19,13 @@ for p in "${presets[@]}"; do [ "$p" = mingw ] && windows=windows; done
 scripts/deps.sh $windows $fuzz || exit 1
 
 jobs=$(nproc)
+start=$SECONDS
+timings=()
 passed=0
 failed=0
 failed_presets=()
 for preset in "${presets[@]}"; do
+  phase=$SECONDS
   echo "=== $preset: build"
   if ! cmake --preset "$preset" >/dev/null || ! cmake --build --preset "$preset" -j "$jobs"; then
     failed_presets+=("$preset (build)")
@@ -42,18 +46,22 @@ for preset in "${presets[@]}"; do
     [ -z "$bad" ] && failed=$((failed + 1))
   fi
   [ "$preset" = mingw ] && ORLENDA_WINEPREFIX="$PWD/build/wineprefix" WINEPREFIX="$PWD/build/wineprefix" wineserver -k 2>/dev/null
+  timings+=("$preset $((SECONDS - phase)) s")
 done
 
 if [ -n "$fuzz" ]; then
-  if scripts/fuzz.sh; then
+  phase=$SECONDS
+  if scripts/fuzz.sh 20; then
     passed=$((passed + 1))
   else
     failed_presets+=(fuzz)
     failed=$((failed + 1))
   fi
+  timings+=("fuzz $((SECONDS - phase)) s")
 fi
 
 echo
 [ ${#failed_presets[@]} -gt 0 ] && echo "failed: ${failed_presets[*]}"
+echo "time (build and test): ${timings[*]/%/,} total $((SECONDS - start)) s"
 echo "total: $passed passed, $failed failed"
 [ ${#failed_presets[@]} -eq 0 ]
