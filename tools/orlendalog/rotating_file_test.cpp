@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -31,21 +31,16 @@ TEST(RotatingFile, RotatesAtTheLimitAndKeepsTheNewestLinesWhole) {
   RotatingFile file;
   ASSERT_TRUE(file.Open(folder, "Test", 100, 2));
   // 30 lines of 20 bytes: five to a file, so the current file and two old ones hold the last 15.
+  std::string expected;
   for (int i = 0; i < 30; ++i) {
     char line[32];
-    std::snprintf(line, sizeof line, "line %03d ----------\n", i);
-    ASSERT_EQ(std::strlen(line), 20u);
+    ASSERT_EQ(std::snprintf(line, sizeof line, "line %03d ----------\n", i), 20);
     ASSERT_TRUE(file.Append(line));
+    if (i >= 15) expected += line;
   }
   ASSERT_TRUE(file.Flush());
   EXPECT_FALSE(std::filesystem::exists(folder / "Test.3.log"));
   const std::string kept = ReadAll(folder / "Test.2.log") + ReadAll(folder / "Test.1.log") + ReadAll(folder / "Test.log");
-  std::string expected;
-  for (int i = 15; i < 30; ++i) {
-    char line[32];
-    std::snprintf(line, sizeof line, "line %03d ----------\n", i);
-    expected += line;
-  }
   EXPECT_EQ(kept, expected);
   for (const char* name : {"Test.log", "Test.1.log", "Test.2.log"}) {
     EXPECT_LE(std::filesystem::file_size(folder / name), 100u) << name;
