@@ -243,7 +243,7 @@ TEST_F(PropertyStoreTest, UnusableFileStaysUntilTheFirstChangeThenIsKeptAsBad) {
 
 // Merging settings documents. With no log service running, every trace line is counted as lost,
 // which tells how many conflict lines a merge wrote.
-TEST(MergeDocuments, SecondAddsButNeverOverrides) {
+TEST(MergeDocuments, SecondAddsButNeverOverridesAndAnEmptyFirstTakesIt) {
   testing::UseIsolatedDirs();
   WString first =
       u"<xmlroot><ui language=\"en\" label=\"First\"/>"
@@ -272,13 +272,10 @@ TEST(MergeDocuments, SecondAddsButNeverOverrides) {
   EXPECT_NE(first.find(u"<choice id=\"B\" default=\"z\"><option value=\"z\"/></choice>"), WString::npos);
   EXPECT_NE(first.find(u"<option value=\"y\"/>"), WString::npos);
   EXPECT_NE(first.find(u"<property id=\"p\" type=\"number\" value=\"1\"/>"), WString::npos);
-}
-
-TEST(MergeDocuments, EmptyFirstTakesTheSecondAsItIs) {
-  WString first;
-  const WString second = u"<not well formed";
-  ASSERT_TRUE(CPropertyHandler::MergeDocuments(&first, View(second)));
-  EXPECT_EQ(first, second);
+  // An empty first document takes the second as it is, well formed or not.
+  WString empty;
+  ASSERT_TRUE(CPropertyHandler::MergeDocuments(&empty, u"<not well formed"));
+  EXPECT_EQ(empty, u"<not well formed");
 }
 
 }  // namespace
