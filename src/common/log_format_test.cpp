@@ -33,7 +33,7 @@ struct FormatCase {
   const char16_t* expected;
 };
 
-TEST(FormatLog, Conversions) {
+TEST(FormatLog, ConversionsAndMissingArguments) {
   const FormatCase cases[] = {
       {u"%08x", {0x80010000u}, u"80010000"},
       {u"%08x", {1u}, u"00000001"},
@@ -59,12 +59,7 @@ TEST(FormatLog, Conversions) {
        u"-7|18446744073709551615|8589934591"},
       {u"%d|%5x|%08u", {u"abc", u"ab", u"Z"}, u"abc|   ab|0000000Z"},
       {u"[%s]", {static_cast<const char16_t*>(nullptr)}, u"[]"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(FormatList(c.format, c.args), c.expected) << c.format;
-}
-
-TEST(FormatLog, MissingArgumentsPrintNothingButKeepTheirWidth) {
-  const FormatCase cases[] = {
+      // Missing arguments print nothing but keep their width.
       {u"Error allocating PropertyHandler from %sOrlenda.properties", {},
        u"Error allocating PropertyHandler from Orlenda.properties"},
       {u"%d/%d", {5}, u"5/"},
@@ -72,7 +67,7 @@ TEST(FormatLog, MissingArgumentsPrintNothingButKeepTheirWidth) {
       {u"[%d]", {LogArg()}, u"[]"},
   };
   for (const auto& c : cases) EXPECT_EQ(FormatList(c.format, c.args), c.expected) << c.format;
-
+  // No format at all, and the variadic form.
   char16_t out[kLogBufferChars];
   out[0] = u'x';
   EXPECT_EQ(FormatLogV(out, nullptr, nullptr, 0), 0u);

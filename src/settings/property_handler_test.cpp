@@ -4,13 +4,12 @@
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "logging/log.h"
 #include "platform/paths.h"
 #include "support/isolated_dirs.h"
+#include "support/store_files.h"
 
 namespace orlenda {
 namespace {
@@ -19,18 +18,8 @@ std::string U8(const WString& s) { return std::string(WideToUtf8(View(s)).c_str(
 
 std::filesystem::path FsPath(const WString& path) { return std::filesystem::path(std::u16string(path)); }
 
-std::string ReadBytes(const WString& path) {
-  std::ifstream in(FsPath(path), std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-void WriteBytes(const WString& path, const std::string& bytes) {
-  std::filesystem::create_directories(FsPath(path).parent_path());
-  std::ofstream out(FsPath(path), std::ios::binary | std::ios::trunc);
-  out << bytes;
-}
+using testing::ReadBytes;
+using testing::WriteBytes;
 
 class PropertyStoreTest : public ::testing::Test {
  protected:

@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <string>
 #include <vector>
@@ -15,6 +13,7 @@
 #include "settings/xml_document.h"
 #include "settings/xml_escape.h"
 #include "settings/xml_file.h"
+#include "support/store_files.h"
 
 namespace orlenda {
 namespace {
@@ -201,13 +200,8 @@ class XmlFileTest : public ::testing::Test {
     std::u16string p = (dir_ / std::filesystem::u8path(name)).u16string();
     return WString(p.begin(), p.end());
   }
-  std::string ReadBytes(const char* name) const {
-    std::ifstream in(dir_ / std::filesystem::u8path(name), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
-  void WriteBytes(const char* name, const std::string& bytes) const {
-    std::ofstream(dir_ / name, std::ios::binary) << bytes;
-  }
+  std::string ReadBytes(const char* name) const { return testing::ReadBytes(dir_ / std::filesystem::u8path(name)); }
+  void WriteBytes(const char* name, const std::string& bytes) const { testing::WriteBytes(dir_ / name, bytes); }
   std::vector<std::string> Names() const {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(dir_)) {
@@ -321,9 +315,7 @@ TEST_F(XmlFileTest, SaveReplacesTheOldFileOnlyWhenComplete) {
   WString summary;
   // Interrupted between the temporary file and the replacement: the old file stays.
   EXPECT_FALSE(WriteXmlFile(PathOf("s.xml"), u"<new/>", 0, &summary, [](const WString& temporary) {
-    std::ifstream in(std::filesystem::path(std::u16string(temporary.begin(), temporary.end())),
-                     std::ios::binary);
-    g_seen_by_hook.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    g_seen_by_hook = testing::ReadBytes(std::u16string(temporary.begin(), temporary.end()));
     return false;
   }));
   EXPECT_NE(summary.find(u"abandoned"), WString::npos) << U8(summary);

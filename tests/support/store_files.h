@@ -1,5 +1,9 @@
-// Test support: the service's two store files in the data folder this test process uses.
+// Test support: files in the data folder this test process uses: the service's two store files,
+// and whole files read and written as bytes.
 #pragma once
+
+#include <filesystem>
+#include <string>
 
 #include "common/wide_string.h"
 
@@ -10,5 +14,9 @@ WString StorePath(const char16_t* name);
 
 // Removes both store files and their ".bad" copies, so a test starts from no configuration.
 void RemoveStoreFiles();
+
+// A file's bytes ("" when it cannot be read); a file written with these bytes, its folders created.
+std::string ReadBytes(const std::filesystem::path& path);
+void WriteBytes(const std::filesystem::path& path, const std::string& bytes);
 
 }  // namespace orlenda::testing

@@ -3,21 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "support/isolated_dirs.h"
+#include "support/store_files.h"
 
 namespace orlenda::logservice {
 namespace {
 
-std::string ReadAll(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
+using testing::ReadBytes;
 
 std::filesystem::path FreshFolder(const char* name) {
   testing::UseIsolatedDirs();
@@ -40,7 +34,7 @@ TEST(RotatingFile, RotatesAtTheLimitAndKeepsTheNewestLinesWhole) {
   }
   ASSERT_TRUE(file.Flush());
   EXPECT_FALSE(std::filesystem::exists(folder / "Test.3.log"));
-  const std::string kept = ReadAll(folder / "Test.2.log") + ReadAll(folder / "Test.1.log") + ReadAll(folder / "Test.log");
+  const std::string kept = ReadBytes(folder / "Test.2.log") + ReadBytes(folder / "Test.1.log") + ReadBytes(folder / "Test.log");
   EXPECT_EQ(kept, expected);
   for (const char* name : {"Test.log", "Test.1.log", "Test.2.log"}) {
     EXPECT_LE(std::filesystem::file_size(folder / name), 100u) << name;
@@ -58,19 +52,19 @@ TEST(RotatingFile, AppendsToAnExistingFileAndGivesAnOversizedLineAFileOfItsOwn) 
   ASSERT_TRUE(file.Open(folder, "Test", 50, 1));
   ASSERT_TRUE(file.Append("second\n"));
   // Lines wait in the buffer until the next flush.
-  EXPECT_EQ(ReadAll(folder / "Test.log"), "first\n");
+  EXPECT_EQ(ReadBytes(folder / "Test.log"), "first\n");
   ASSERT_TRUE(file.Flush());
-  EXPECT_EQ(ReadAll(folder / "Test.log"), "first\nsecond\n");
+  EXPECT_EQ(ReadBytes(folder / "Test.log"), "first\nsecond\n");
 
   const std::string big(80, 'x');
   ASSERT_TRUE(file.Append(big + "\n"));
   ASSERT_TRUE(file.Flush());
-  EXPECT_EQ(ReadAll(folder / "Test.1.log"), "first\nsecond\n");
-  EXPECT_EQ(ReadAll(folder / "Test.log"), big + "\n");
+  EXPECT_EQ(ReadBytes(folder / "Test.1.log"), "first\nsecond\n");
+  EXPECT_EQ(ReadBytes(folder / "Test.log"), big + "\n");
   ASSERT_TRUE(file.Append("after\n"));
   ASSERT_TRUE(file.Flush());
-  EXPECT_EQ(ReadAll(folder / "Test.1.log"), big + "\n");
-  EXPECT_EQ(ReadAll(folder / "Test.log"), "after\n");
+  EXPECT_EQ(ReadBytes(folder / "Test.1.log"), big + "\n");
+  EXPECT_EQ(ReadBytes(folder / "Test.log"), "after\n");
 }
 
 TEST(RotatingFile, KeepZeroStartsOver) {
@@ -80,7 +74,7 @@ TEST(RotatingFile, KeepZeroStartsOver) {
   ASSERT_TRUE(file.Append("12345678\n"));
   ASSERT_TRUE(file.Append("abcdefgh\n"));
   ASSERT_TRUE(file.Flush());
-  EXPECT_EQ(ReadAll(folder / "Test.log"), "abcdefgh\n");
+  EXPECT_EQ(ReadBytes(folder / "Test.log"), "abcdefgh\n");
   EXPECT_FALSE(std::filesystem::exists(folder / "Test.1.log"));
 }
 
