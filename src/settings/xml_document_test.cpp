@@ -338,6 +338,8 @@ TEST(XmlEdit, OneEdit) {
       {u"<r>\r\n  <p id=\"1\"/>\r\n  <q/>\r\n</r>", u"/r/p", Remove, u"", u"<r>\r\n  <q/>\r\n</r>", u""},
       {u"<r>\r\n  <q/>\r\n  <p><x/></p>\r\n</r>", u"/r/p", Remove, u"", u"<r>\r\n  <q/>\r\n</r>", u"/r/q"},
       {u"<r>\r\n  <q><p/></q>\r\n</r>", u"/r/q/p", Remove, u"", u"<r>\r\n  <q></q>\r\n</r>", u""},
+      // With another element on its line the line stays.
+      {u"<r>\r\n  <p/><q/>\r\n</r>", u"/r/p", Remove, u"", u"<r>\r\n  <q/>\r\n</r>", u""},
       // Content must stand on its own; an empty-element tag opens up to take some.
       {u"<r><a>old<o/></a><e/></r>", u"/r/a", Content, u"<n k='1'>t</n><m/>",
        u"<r><a><n k='1'>t</n><m/></a><e/></r>", u"/r/a"},
