@@ -5,37 +5,16 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <fstream>
-#include <random>
 #include <string>
 
 #include "platform/errors.h"
+#include "support/scratch_names.h"
 
 namespace orlenda::platform {
 namespace {
 
-class FileTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    std::random_device rd;
-    for (int attempt = 0; attempt < 100 && dir_.empty(); ++attempt) {
-      auto candidate =
-          std::filesystem::temp_directory_path() / ("orf" + std::to_string(rd() % 1000000));
-      if (std::filesystem::create_directory(candidate)) dir_ = candidate;
-    }
-    ASSERT_FALSE(dir_.empty());
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
-  }
-  std::u16string PathOf(const std::filesystem::path& name) const { return (dir_ / name).u16string(); }
-  void WriteBytes(const std::filesystem::path& name, const std::string& bytes) const {
-    std::ofstream(dir_ / name, std::ios::binary) << bytes;
-  }
-  std::filesystem::path dir_;
-};
+using FileTest = testing::ScratchNameTest;
 
 TEST_F(FileTest, ErrorNumbersForMissingAndPresentNames) {
   const std::u16string missing = PathOf("missing");
@@ -46,7 +25,7 @@ TEST_F(FileTest, ErrorNumbersForMissingAndPresentNames) {
   EXPECT_EQ(ReplaceFileWith(missing.c_str(), PathOf("target").c_str()), kErrorFileNotFound);
   EXPECT_FALSE(PathExists(missing.c_str()));
   EXPECT_EQ(file.OpenForReading(u""), kErrorInvalidParameter);
-  WriteBytes("present", "x");
+  std::ofstream(dir_ / "present") << "x";
   EXPECT_TRUE(PathExists(PathOf("present").c_str()));
   EXPECT_EQ(RemoveFile(PathOf("present").c_str()), kErrorSuccess);
   EXPECT_FALSE(PathExists(PathOf("present").c_str()));

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -12,11 +11,7 @@
 
 #include "platform/errors.h"
 #include "platform/thread.h"
-
-#ifndef _WIN32
-#include <stdlib.h>
-#include <unistd.h>
-#endif
+#include "support/scratch_names.h"
 
 namespace orlenda::platform {
 namespace {
@@ -64,36 +59,24 @@ class Recorder : public PipeReadLoop::Handler {
   std::vector<Writer> writers_;
 };
 
-class PipeReadLoopTest : public ::testing::Test {
+class PipeReadLoopTest : public testing::ScratchNameTest {
  protected:
   void SetUp() override {
-#ifndef _WIN32
-    char dir[] = "/tmp/orlr-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    run_dir_ = dir;
-    setenv("ORLENDA_RUN_DIR", dir, 1);
-#endif
-    char name[64];
-    std::snprintf(name, sizeof name, "orl-loop-%u", static_cast<unsigned>(CurrentProcessId()));
-    for (const char* c = name; *c != 0; ++c) name_.push_back(static_cast<char16_t>(*c));
-    ASSERT_EQ(loop_.Listen(name_.c_str(), PipeMode::kMessage), kErrorSuccess);
+    ScratchNameTest::SetUp();
+    ASSERT_EQ(loop_.Listen(name(), PipeMode::kMessage), kErrorSuccess);
   }
-
   void TearDown() override {
     loop_.Shutdown();
     if (runner_.joinable()) runner_.join();
-#ifndef _WIN32
-    rmdir(run_dir_.c_str());  // the loop took its socket file with it
-    unsetenv("ORLENDA_RUN_DIR");
-#endif
+    ScratchNameTest::TearDown();
   }
 
   // As a writer does: while every instance is taken (Windows), waits for one to be free.
   void Open(PipeStream* writer) {
-    uint32_t error = writer->Open(name_.c_str(), false);
+    uint32_t error = kErrorPipeBusy;
     for (int attempt = 0; attempt < 50 && error == kErrorPipeBusy; ++attempt) {
-      WaitForPipe(name_.c_str(), 100);
-      error = writer->Open(name_.c_str(), false);
+      if (attempt > 0) WaitForPipe(name(), 100);
+      error = writer->Open(name(), false);
     }
     ASSERT_EQ(error, kErrorSuccess);
   }
@@ -113,8 +96,6 @@ class PipeReadLoopTest : public ::testing::Test {
     return false;
   }
 
-  std::string run_dir_;
-  std::u16string name_;
   std::thread runner_;
   PipeReadLoop loop_;
   Recorder recorder_;
@@ -156,7 +137,7 @@ TEST_F(PipeReadLoopTest, ShutdownBeforeRunStillReadsTheWritersWaiting) {
   EXPECT_EQ(recorder_.writers().at(0).disconnects, 1);
   // The pipe is gone.
   PipeStream another;
-  EXPECT_NE(another.Open(name_.c_str(), false), kErrorSuccess);
+  EXPECT_NE(another.Open(name(), false), kErrorSuccess);
 }
 
 }  // namespace

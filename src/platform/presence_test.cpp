@@ -2,53 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdio>
 #include <string>
 
 #include "platform/errors.h"
-#include "platform/thread.h"
-
-#ifndef _WIN32
-#include <unistd.h>
-
-#include <cstdlib>
-#endif
+#include "support/scratch_names.h"
 
 namespace orlenda::platform {
 namespace {
 
-class PresenceTest : public ::testing::Test {
+class PresenceTest : public testing::ScratchNameTest {
  protected:
-  void SetUp() override {
-#ifndef _WIN32
-    char dir[] = "/tmp/orlq-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    run_dir_ = dir;
-    // A directory that does not exist yet: Acquire has to create it.
-    setenv("ORLENDA_RUN_DIR", (run_dir_ + "/run").c_str(), 1);
-#endif
-    static std::atomic<int> counter{0};
-    char name[64];
-    std::snprintf(name, sizeof(name), "orl-presence-%u-%d",
-                  static_cast<unsigned>(CurrentProcessId()), ++counter);
-    for (const char* c = name; *c != 0; ++c) name_.push_back(static_cast<char16_t>(*c));
-  }
-
-  void TearDown() override {
-#ifndef _WIN32
-    std::string file = run_dir_ + "/run/" + std::string(name_.begin(), name_.end());
-    unlink(file.c_str());
-    rmdir((run_dir_ + "/run").c_str());
-    rmdir(run_dir_.c_str());
-    unsetenv("ORLENDA_RUN_DIR");
-#endif
-  }
-
-  const char16_t* name() const { return name_.c_str(); }
-
-  std::u16string name_;
-  std::string run_dir_;
+  // A run folder that does not exist yet: Acquire has to create it.
+  PresenceTest() { run_below_ = "/run"; }
 };
 
 TEST_F(PresenceTest, HeldOnlyWhileAcquired) {
@@ -95,10 +60,6 @@ TEST_F(PresenceTest, NamesAreIndependent) {
   EXPECT_FALSE(IsPresenceHeld(other.c_str()));
   PresenceObject other_presence;
   EXPECT_EQ(other_presence.Acquire(other.c_str()), kErrorSuccess);
-#ifndef _WIN32
-  other_presence.Release();
-  unlink((run_dir_ + "/run/" + std::string(other.begin(), other.end())).c_str());
-#endif
 }
 
 }  // namespace

@@ -12,12 +12,6 @@
 namespace orlenda::platform {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-long long MsSince(Clock::time_point start) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
-
 // Polls `done` for up to five seconds; the tests' guard against hanging on a broken event.
 template <typename F>
 bool Eventually(F done) {
@@ -30,25 +24,23 @@ bool Eventually(F done) {
 
 TEST(CriticalSectionTest, ReentersOnOwnerAndExcludesOthers) {
   CriticalSection cs;
+  const auto other_enters = [&] {
+    bool got = false;
+    std::thread([&] {
+      got = cs.TryEnter();
+      if (got) cs.Leave();
+    }).join();
+    return got;
+  };
   cs.Enter();
   cs.Enter();
   EXPECT_TRUE(cs.TryEnter());
-  bool other_got_it = true;
-  std::thread([&] { other_got_it = cs.TryEnter(); }).join();
-  EXPECT_FALSE(other_got_it);
-
-  // Still held after leaving only some of the entries.
+  EXPECT_FALSE(other_enters());
   cs.Leave();
   cs.Leave();
-  std::thread([&] { other_got_it = cs.TryEnter(); }).join();
-  EXPECT_FALSE(other_got_it);
-
+  EXPECT_FALSE(other_enters());  // still held after leaving only some of the entries
   cs.Leave();
-  std::thread([&] {
-    other_got_it = cs.TryEnter();
-    if (other_got_it) cs.Leave();
-  }).join();
-  EXPECT_TRUE(other_got_it);
+  EXPECT_TRUE(other_enters());
 }
 
 TEST(CriticalSectionTest, SerialisesIncrementsAcrossThreads) {
@@ -71,81 +63,69 @@ TEST(CriticalSectionTest, SerialisesIncrementsAcrossThreads) {
   EXPECT_EQ(counter, static_cast<long>(kThreads) * kRounds);
 }
 
-TEST(EventTest, ManualStaysSetUntilResetAndReleasesEveryWaiter) {
-  Event event(ResetMode::kManual);
-  EXPECT_FALSE(event.Wait(0));
-
-  constexpr int kWaiters = 5;
-  std::atomic<int> released{0};
-  std::vector<std::thread> waiters;
-  for (int i = 0; i < kWaiters; ++i) {
-    waiters.emplace_back([&] {
-      if (event.Wait(kInfinite)) ++released;
-    });
+// S sets, R resets, + is a wait that succeeds, - one that times out.
+TEST(EventTest, SetsResetsAndWaitsInSequence) {
+  struct Case {
+    ResetMode mode;
+    bool initially;
+    const char* script;
+  };
+  const Case cases[] = {
+      {ResetMode::kManual, false, "-S++R-"},
+      {ResetMode::kManual, true, "++"},
+      {ResetMode::kAuto, true, "+-SS+-SR-"},  // setting a set event does not count twice
+  };
+  for (const Case& c : cases) {
+    Event event(c.mode, c.initially);
+    for (const char* op = c.script; *op != '\0'; ++op) {
+      if (*op == 'S') {
+        event.Set();
+      } else if (*op == 'R') {
+        event.Reset();
+      } else {
+        EXPECT_EQ(event.Wait(*op == '+' ? 100 : 0), *op == '+') << c.script << " at " << op - c.script;
+      }
+    }
   }
-  SleepMs(50);
-  EXPECT_EQ(released.load(), 0);
-  event.Set();
-  for (auto& waiter : waiters) waiter.join();
-  EXPECT_EQ(released.load(), kWaiters);
-
-  EXPECT_TRUE(event.Wait(0));
-  EXPECT_TRUE(event.Wait(0));
-  event.Reset();
-  EXPECT_FALSE(event.Wait(0));
-
-  Event initially(ResetMode::kManual, true);
-  EXPECT_TRUE(initially.Wait(0));
-  EXPECT_TRUE(initially.Wait(0));
 }
 
-TEST(EventTest, AutoIsConsumedByOneWait) {
-  Event event(ResetMode::kAuto, true);
-  EXPECT_TRUE(event.Wait(0));
-  EXPECT_FALSE(event.Wait(0));
-  event.Set();
-  event.Set();  // setting a set event does not count twice
-  EXPECT_TRUE(event.Wait(100));
-  EXPECT_FALSE(event.Wait(0));
-  event.Set();
-  event.Reset();
-  EXPECT_FALSE(event.Wait(0));
-}
-
-TEST(EventTest, AutoReleasesExactlyOneWaiterPerSet) {
-  Event event(ResetMode::kAuto);
+TEST(EventTest, ManualReleasesEveryWaiterAndAutoExactlyOnePerSet) {
   constexpr int kWaiters = 4;
-  std::atomic<int> released{0};
-  std::vector<std::thread> waiters;
-  for (int i = 0; i < kWaiters; ++i) {
-    waiters.emplace_back([&] {
-      if (event.Wait(kInfinite)) ++released;
-    });
+  for (ResetMode mode : {ResetMode::kManual, ResetMode::kAuto}) {
+    const bool manual = mode == ResetMode::kManual;
+    SCOPED_TRACE(manual ? "manual" : "auto");
+    Event event(mode);
+    std::atomic<int> released{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < kWaiters; ++i) {
+      waiters.emplace_back([&] {
+        if (event.Wait(kInfinite)) ++released;
+      });
+    }
+    SleepMs(50);
+    EXPECT_EQ(released.load(), 0);
+    for (int round = 1; round <= (manual ? 1 : kWaiters); ++round) {
+      event.Set();
+      const int expected = manual ? kWaiters : round;
+      ASSERT_TRUE(Eventually([&] { return released.load() >= expected; })) << "round " << round;
+      SleepMs(30);  // give a wrongly woken waiter time to show up
+      EXPECT_EQ(released.load(), expected);
+    }
+    for (auto& waiter : waiters) waiter.join();
+    EXPECT_EQ(event.Wait(0), manual);
   }
-  SleepMs(50);
-  for (int round = 1; round <= kWaiters; ++round) {
-    event.Set();
-    ASSERT_TRUE(Eventually([&] { return released.load() >= round; })) << "round " << round;
-    SleepMs(30);  // give a wrongly woken second waiter time to show up
-    EXPECT_EQ(released.load(), round);
-  }
-  for (auto& waiter : waiters) waiter.join();
-  EXPECT_FALSE(event.Wait(0));
 }
 
 TEST(EventTest, WaitsTimeOutNeitherEarlyNorLate) {
   Event event(ResetMode::kManual), other(ResetMode::kAuto);
   Event* events[] = {&event, &other};
   for (int any = 0; any < 2; ++any) {
-    Clock::time_point start = Clock::now();
-    if (any == 0) {
-      EXPECT_FALSE(event.Wait(100));
-    } else {
-      EXPECT_EQ(WaitForAny(events, 2, 100), kWaitTimeout);
-    }
-    const long long elapsed = MsSince(start);
-    EXPECT_GE(elapsed, 80) << (any ? "WaitForAny" : "Wait");
-    EXPECT_LT(elapsed, 5000) << (any ? "WaitForAny" : "Wait");
+    SCOPED_TRACE(any ? "WaitForAny" : "Wait");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(any ? WaitForAny(events, 2, 100) : (event.Wait(100) ? 0 : kWaitTimeout), kWaitTimeout);
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(elapsed, std::chrono::milliseconds(80));
+    EXPECT_LT(elapsed, std::chrono::seconds(5));
   }
 }
 
