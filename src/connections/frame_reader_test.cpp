@@ -77,37 +77,27 @@ TEST(FrameReader, TheSecondGrowthStepComesWithTheNextBytes) {
 }
 
 TEST(FrameReader, AFrameOverTheLimitIsCutAndTheStreamStaysInStep) {
-  FrameReader reader(this);
-  Recorder recorder;
   const uint32_t over = SK_FRAME_MAX_SIZE + 1;
-  std::string huge = RequestFrame(SK_FRAME_WRITE, 7, "");
-  huge[0] = static_cast<char>(over);
-  huge[1] = static_cast<char>(over >> 8);
-  huge[2] = static_cast<char>(over >> 16);
-  huge[3] = static_cast<char>(over >> 24);
-  ASSERT_TRUE(FeedInPieces(reader, recorder, huge, 0));
-  const std::string chunk(65536, 'z');
-  for (uint32_t left = over - 16; left > 0;) {
-    const std::size_t n = std::min<std::size_t>(left, chunk.size());
-    ASSERT_TRUE(reader.Feed(reinterpret_cast<const uint8_t*>(chunk.data()), n, &recorder));
-    left -= static_cast<uint32_t>(n);
-  }
+  const std::string huge = RequestFrame(SK_FRAME_WRITE, 7, std::string(over - 16, 'z'));
   const std::string next = RequestFrame(SK_FRAME_CLOSE, 8);
-  ASSERT_TRUE(FeedInPieces(reader, recorder, next, 0));
-  ASSERT_EQ(recorder.seen.size(), 2u);
-  EXPECT_FALSE(recorder.seen[0].whole);
-  EXPECT_EQ(recorder.seen[0].length, over);
-  EXPECT_EQ(recorder.seen[0].kept.substr(0, 16), huge.substr(0, 16));  // the header is kept for the reply
-  EXPECT_LE(reader.capacity(), FrameReader::kFirstCapacity);            // nothing was allocated for it
-  EXPECT_EQ(recorder.seen[1].kept, next);
+  for (std::size_t piece : {16, 65536}) {  // the header alone first, or with the body's first bytes
+    FrameReader reader(this);
+    Recorder recorder;
+    ASSERT_TRUE(FeedInPieces(reader, recorder, huge + next, piece));
+    ASSERT_EQ(recorder.seen.size(), 2u);
+    EXPECT_FALSE(recorder.seen[0].whole);
+    EXPECT_EQ(recorder.seen[0].length, over);
+    EXPECT_EQ(recorder.seen[0].kept.substr(0, 16), huge.substr(0, 16));  // the header is kept for the reply
+    EXPECT_LE(reader.capacity(), FrameReader::kFirstCapacity);            // nothing was allocated for it
+    EXPECT_EQ(recorder.seen[1].kept, next);
+  }
 }
 
 TEST(FrameReader, LengthsShorterThanAHeaderEndTheStream) {
   for (uint32_t length : {1u, 7u, 15u}) {
     FrameReader reader(this);
     Recorder recorder;
-    std::string frame = RequestFrame(SK_FRAME_CLOSE, 1);
-    frame[0] = static_cast<char>(length);
+    const std::string frame = testing::LengthAs(RequestFrame(SK_FRAME_CLOSE, 1), length);
     EXPECT_FALSE(FeedInPieces(reader, recorder, frame, 0)) << length;
     EXPECT_TRUE(recorder.seen.empty());
   }

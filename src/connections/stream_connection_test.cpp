@@ -20,12 +20,7 @@ namespace orlenda {
 namespace {
 
 using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
-using testing::DwordBytes;
-using testing::IoctlFrame;
-using testing::OpenFrame;
-using testing::RegisterFrame;
-using testing::RequestFrame;
-using testing::WriteFrame;
+using namespace orlenda::testing;       // NOLINT: the frames
 
 // A connection whose raw write keeps every message.
 class Recording : public CSKStreamConnection {
@@ -58,12 +53,6 @@ class Recording : public CSKStreamConnection {
   std::size_t taken_ = 0;
 };
 
-uint32_t At(const std::string& message, std::size_t offset) {
-  uint32_t v = 0;
-  for (int i = 3; i >= 0; --i) v = v << 8 | static_cast<uint8_t>(message[offset + i]);
-  return v;
-}
-
 class StreamTest : public PortTest {};
 
 TEST_F(StreamTest, RequestsAreAnsweredWithTheirCodeTagAndSize) {
@@ -74,12 +63,8 @@ TEST_F(StreamTest, RequestsAreAnsweredWithTheirCodeTagAndSize) {
     std::size_t reply_size;
     std::string tail;  // the bytes after the result
   };
-  const std::string over = [] {
-    std::string frame = RequestFrame(SK_FRAME_WRITE, 11);
-    const uint32_t length = SK_FRAME_MAX_SIZE + 1;
-    for (int i = 0; i < 4; ++i) frame[i] = static_cast<char>(length >> (8 * i));
-    return frame + std::string(length - 16, 'o');
-  }();
+  const std::string over =
+      LengthAs(RequestFrame(SK_FRAME_WRITE, 11), SK_FRAME_MAX_SIZE + 1) + std::string(SK_FRAME_MAX_SIZE + 1 - 16, 'o');
   const Step steps[] = {
       {OpenFrame(1, u"loop/dev1"), SKR_SUCCESS, 20, ""},
       {RegisterFrame(2, kLoopbackData), SKR_SUCCESS, 20, ""},
@@ -93,23 +78,23 @@ TEST_F(StreamTest, RequestsAreAnsweredWithTheirCodeTagAndSize) {
       {RequestFrame(SK_FRAME_CLOSE, 8), SKR_SUCCESS, 20, ""},
   };
   for (const Step& step : steps) {
-    const uint32_t code = At(step.request, 4);
+    const uint32_t code = Get32(step.request, 4);
     SCOPED_TRACE(::testing::Message() << "request code " << code);
     c.Feed(step.request);
     if (step.reply_size == 0) continue;
     std::string reply = c.Next();
-    if (At(reply, 4) == SK_FRAME_EVENT) {
+    if (Get32(reply, 4) == SK_FRAME_EVENT) {
       // The write's echo: code 7, tag 0, the identifier, the data.
       EXPECT_EQ(reply.size(), 25u);
       EXPECT_EQ(reply.substr(8, 8), std::string(8, '\0'));
-      EXPECT_EQ(At(reply, 16), kLoopbackData);
+      EXPECT_EQ(Get32(reply, 16), kLoopbackData);
       EXPECT_EQ(reply.substr(20), "hello");
       reply = c.Next();
     }
     ASSERT_EQ(reply.size(), step.reply_size);
-    EXPECT_EQ(At(reply, 0), step.reply_size);
+    EXPECT_EQ(Get32(reply, 0), step.reply_size);
     EXPECT_EQ(reply.substr(4, 12), step.request.substr(4, 12));  // code and tag echoed
-    EXPECT_EQ(At(reply, 16), step.result);
+    EXPECT_EQ(Get32(reply, 16), step.result);
     EXPECT_EQ(reply.substr(20), step.tail);
   }
   EXPECT_EQ(c.Count(), 10u);  // nine replies and one event: nothing for code 9
@@ -120,28 +105,28 @@ TEST_F(StreamTest, ASplitStreamAndKeepAlivesGiveTheSameRequests) {
   // One request at a time (requests of a connection run at once, so a Close could overtake).
   for (const std::string& request : {OpenFrame(1, u"loop/dev1"), RequestFrame(SK_FRAME_CLOSE, 2)}) {
     for (char byte : std::string(4, '\0') + request) c.Feed(std::string(1, byte));
-    EXPECT_EQ(At(c.Next(), 16), SKR_SUCCESS);
+    EXPECT_EQ(Get32(c.Next(), 16), SKR_SUCCESS);
   }
   c.Feed(RequestFrame(SK_FRAME_CLOSE, 3) + RequestFrame(SK_FRAME_CLOSE, 4));  // two in one chunk
-  EXPECT_EQ(At(c.Next(), 16), SKR_INVALID_HANDLE);
-  EXPECT_EQ(At(c.Next(), 16), SKR_INVALID_HANDLE);
+  EXPECT_EQ(Get32(c.Next(), 16), SKR_INVALID_HANDLE);
+  EXPECT_EQ(Get32(c.Next(), 16), SKR_INVALID_HANDLE);
 }
 
 TEST_F(StreamTest, RequestsOfOneConnectionRunAtOnce) {
   Recording c;
   c.Feed(OpenFrame(1, u"mixed/dev1"));
-  ASSERT_EQ(At(c.Next(), 16), SKR_SUCCESS);
+  ASSERT_EQ(Get32(c.Next(), 16), SKR_SUCCESS);
   c.Feed(IoctlFrame(2, SK_PORT_LOCK, DwordBytes(1)));
-  ASSERT_EQ(At(c.Next(), 16), SKR_SUCCESS);
+  ASSERT_EQ(Get32(c.Next(), 16), SKR_SUCCESS);
   // The device holds the write; a later request of the same connection is answered first.
   c.Feed(IoctlFrame(3, 0x1FFF0003u, DwordBytes(c.port_number())));
-  ASSERT_EQ(At(c.Next(), 16), SKR_SUCCESS);
+  ASSERT_EQ(Get32(c.Next(), 16), SKR_SUCCESS);
   c.Feed(WriteFrame(4, "held"));
   c.Feed(IoctlFrame(5, SK_LOCK_STATE));
-  EXPECT_EQ(At(c.Next(), 8), 5u);
+  EXPECT_EQ(Get32(c.Next(), 8), 5u);
   c.Feed(IoctlFrame(6, 0x1FFF0003u, DwordBytes(0)));
   std::vector<uint32_t> tags;
-  for (int i = 0; i < 2; ++i) tags.push_back(At(c.Next(), 8));
+  for (int i = 0; i < 2; ++i) tags.push_back(Get32(c.Next(), 8));
   EXPECT_TRUE((tags == std::vector<uint32_t>{4, 6} || tags == std::vector<uint32_t>{6, 4}));
 }
 

@@ -14,59 +14,28 @@
 #include <vector>
 
 #include "connections/address_filter.h"
-#include "connections/pipe_server.h"
-#include "connections/tcp_server.h"
 #include "platform/errors.h"
 #include "platform/local_server.h"
-#include "ports/port_test_fixture.h"
 #include "skein/protocol.h"
 #include "support/log_capture.h"
-#include "support/wire_client.h"
+#include "support/served_fixture.h"
 
 namespace orlenda {
 namespace {
 
 using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
-using testing::DwordBytes;
-using testing::Frame;
-using testing::IoctlFrame;
-using testing::OpenFrame;
-using testing::RegisterFrame;
-using testing::RequestFrame;
-using testing::WireClient;
-using testing::WriteFrame;
+using namespace orlenda::testing;       // NOLINT: the wire client and its frames
 
-constexpr char16_t kPipe[] = u"skein-test";
-enum class Transport { kTcp, kLocal };
-
-class TransportTest : public PortTest, public ::testing::WithParamInterface<Transport> {
+class TransportTest : public ServedTest, public ::testing::WithParamInterface<Transport> {
  protected:
-  void TearDown() override {
-    server_.reset();  // stops and deletes every connection, which closes their ports
-    PortTest::TearDown();
-  }
+  SKServer& server() { return *servers_.back(); }
 
-  // The server of `transport`; TCP with the given timing on a free port.
-  void Serve(Transport transport, uint32_t ping = 500, uint32_t keepalive = 5000) {
-    transport_ = transport;
-    if (transport == Transport::kTcp) {
-      port_ = testing::FreeTcpPort();
-      ASSERT_TRUE(SetNumberProperty(u"/TCP_COMMUNICATION_PORT", port_));
-      ASSERT_TRUE(SetNumberProperty(u"/TCP_PING_INTERVAL", ping));
-      ASSERT_TRUE(SetNumberProperty(u"/TCP_KEEPALIVE_TIMEOUT", keepalive));
-      server_.reset(new TCPServer());
-    } else {
-      server_.reset(new CPipeServer(kPipe));
-    }
-    ASSERT_EQ(server_->Start(), SKR_SUCCESS);
-  }
-
-  std::unique_ptr<WireClient> Connect() {
+  std::unique_ptr<WireClient> Connect(Transport transport = Transport::kTcp) {
     auto client = std::make_unique<WireClient>();
     uint32_t error = platform::kErrorConnectionRefused;
     // The local listener appears a moment after the start.
     for (int attempt = 0; attempt < 200 && error != platform::kErrorSuccess; ++attempt) {
-      error = transport_ == Transport::kTcp ? client->ConnectTcp(port_) : client->ConnectLocal(kPipe);
+      error = transport == Transport::kTcp ? client->ConnectTcp(tcp_port_) : client->ConnectLocal(kTestPipe16);
       if (error != platform::kErrorSuccess) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     EXPECT_EQ(error, platform::kErrorSuccess);
@@ -75,17 +44,14 @@ class TransportTest : public PortTest, public ::testing::WithParamInterface<Tran
 
   // Waits until the server holds `count` connections.
   void AwaitConnections(std::size_t count) {
-    for (int i = 0; i < 1000 && server_->ConnectionCount() != count; ++i) {
+    for (int i = 0; i < 1000 && Connections() != count; ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    EXPECT_EQ(server_->ConnectionCount(), count);
+    EXPECT_EQ(Connections(), count);
   }
-
-  Transport transport_ = Transport::kTcp;
-  uint16_t port_ = 0;
-  std::unique_ptr<SKServer> server_;
 };
 
+// TCP, and the local pipe where the wire client can reach it (a socket: POSIX).
 std::vector<Transport> Transports() {
   std::vector<Transport> all{Transport::kTcp};
   platform::Socket probe;
@@ -95,8 +61,8 @@ std::vector<Transport> Transports() {
 
 TEST_P(TransportTest, AClientThatGoesAwayClosesItsPortAndPassesTheLockOn) {
   Serve(GetParam());
-  auto holder = Connect();
-  auto waiter = Connect();
+  auto holder = Connect(GetParam());
+  auto waiter = Connect(GetParam());
   ASSERT_EQ(holder->Call(OpenFrame(1, u"loop/dev1")), SKR_SUCCESS);
   ASSERT_EQ(holder->Call(IoctlFrame(2, SK_PORT_LOCK, DwordBytes(1))), SKR_SUCCESS);
   ASSERT_EQ(waiter->Call(OpenFrame(1, u"loop/dev1")), SKR_SUCCESS);
@@ -115,11 +81,11 @@ TEST_P(TransportTest, StoppingTheServerDeletesEveryConnection) {
   Serve(GetParam());
   std::vector<std::unique_ptr<WireClient>> clients;
   for (int i = 0; i < 3; ++i) {
-    clients.push_back(Connect());
+    clients.push_back(Connect(GetParam()));
     ASSERT_EQ(clients.back()->Call(OpenFrame(1, i == 2 ? u"loop/dev2" : u"loop/dev1")), SKR_SUCCESS);
   }
-  server_->Stop();
-  EXPECT_EQ(server_->ConnectionCount(), 0u);
+  server().Stop();
+  EXPECT_EQ(server().ConnectionCount(), 0u);
   EXPECT_EQ(PortTable::Size(), 0u);
   for (auto& client : clients) EXPECT_TRUE(client->AwaitClosed(5000));
 }
@@ -128,8 +94,8 @@ TEST_P(TransportTest, StoppingTheServerDeletesEveryConnection) {
 // dropped, and the writer is never held longer than the drop takes.
 TEST_P(TransportTest, AClientThatStopsReadingGetsWholeFramesOrIsDropped) {
   Serve(GetParam(), 500, 1000);
-  auto sleeper = Connect();
-  auto writer = Connect();
+  auto sleeper = Connect(GetParam());
+  auto writer = Connect(GetParam());
   ASSERT_EQ(sleeper->Call(OpenFrame(1, u"loop/dev1")), SKR_SUCCESS);
   ASSERT_EQ(sleeper->Call(RegisterFrame(2, kLoopbackData)), SKR_SUCCESS);
   ASSERT_EQ(writer->Call(OpenFrame(1, u"loop/dev1")), SKR_SUCCESS);
@@ -151,10 +117,7 @@ TEST_P(TransportTest, AClientThatStopsReadingGetsWholeFramesOrIsDropped) {
   EXPECT_TRUE(sleeper->AwaitClosed(0));
 }
 
-INSTANTIATE_TEST_SUITE_P(Both, TransportTest, ::testing::ValuesIn(Transports()),
-                         [](const ::testing::TestParamInfo<Transport>& info) {
-                           return info.param == Transport::kTcp ? "Tcp" : "Local";
-                         });
+INSTANTIATE_TEST_SUITE_P(Both, TransportTest, ::testing::ValuesIn(Transports()), TransportName);
 
 class TcpTest : public TransportTest {};
 
@@ -177,24 +140,24 @@ TEST_F(TcpTest, SettingsAreTakenUpAtRunTime) {
   Serve(Transport::kTcp);
   auto before = Connect();
   AwaitConnections(1);  // accepted: a client still in the old listener's queue would go with it
-  const uint16_t old_port = port_;
+  const uint16_t old_port = tcp_port_;
   // A new port: the listener moves, the clients stay.
-  port_ = testing::FreeTcpPort();
-  ASSERT_TRUE(SetNumberProperty(u"/TCP_COMMUNICATION_PORT", port_));
-  server_->ApplySettings();
+  tcp_port_ = FreeTcpPort();
+  ASSERT_TRUE(SetNumberProperty(u"/TCP_COMMUNICATION_PORT", tcp_port_));
+  server().ApplySettings();
   EXPECT_EQ(before->Call(RequestFrame(SK_FRAME_CLOSE, 1)), SKR_INVALID_HANDLE);
   auto after = Connect();
   WireClient refused;
   EXPECT_NE(refused.ConnectTcp(old_port), platform::kErrorSuccess);
   // Disabled: every client is dropped and nobody listens; enabled again: it listens.
   ASSERT_TRUE(SetProperty(u"/SK_TCP_COMMUNICATION", u"Disable"));
-  server_->ApplySettings();
+  server().ApplySettings();
   EXPECT_TRUE(before->AwaitClosed(5000));
   EXPECT_TRUE(after->AwaitClosed(5000));
-  EXPECT_NE(refused.ConnectTcp(port_), platform::kErrorSuccess);
-  EXPECT_EQ(server_->Start(), SKR_INVALID_PARAMETER);
+  EXPECT_NE(refused.ConnectTcp(tcp_port_), platform::kErrorSuccess);
+  EXPECT_EQ(server().Start(), SKR_INVALID_PARAMETER);
   ASSERT_TRUE(SetProperty(u"/SK_TCP_COMMUNICATION", u"Enable"));
-  server_->ApplySettings();
+  server().ApplySettings();
   auto again = Connect();
   EXPECT_EQ(again->Call(RequestFrame(SK_FRAME_CLOSE, 1)), SKR_INVALID_HANDLE);
 }
@@ -205,21 +168,21 @@ TEST_F(TcpTest, AllowedClientsAndTheConnectionLimitApplyLive) {
   Serve(Transport::kTcp);
   const auto served = [&](const char* from) {
     WireClient client;
-    if (client.ConnectTcp(port_, from) != platform::kErrorSuccess) return false;
+    if (client.ConnectTcp(tcp_port_, from) != platform::kErrorSuccess) return false;
     return client.Call(RequestFrame(SK_FRAME_CLOSE, 1)) == SKR_INVALID_HANDLE;
   };
   EXPECT_TRUE(served("127.0.0.2"));  // everyone, as before
   ASSERT_TRUE(SetProperty(u"/TCP_ALLOWED_CLIENTS", u"127.0.0.1, 10.0.0.0/8"));
-  server_->ApplySettings();
+  server().ApplySettings();
   EXPECT_TRUE(served("127.0.0.1"));
   EXPECT_FALSE(served("127.0.0.2"));
   ASSERT_TRUE(SetProperty(u"/TCP_ALLOWED_CLIENTS", u"127.0.0.0/30"));
-  server_->ApplySettings();
+  server().ApplySettings();
   EXPECT_TRUE(served("127.0.0.2"));
   EXPECT_FALSE(served("127.0.0.4"));
 
   ASSERT_TRUE(SetNumberProperty(u"/TCP_MAX_CONNECTIONS", 2));
-  server_->ApplySettings();
+  server().ApplySettings();
   auto first = Connect();
   auto second = Connect();
   AwaitConnections(2);
@@ -250,14 +213,14 @@ TEST_F(TcpTest, TheLocalPipeIsForThisMachineAlone) {
   Serve(Transport::kLocal);
   WireClient client;
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  EXPECT_NE(client.ConnectLocal(kPipe), platform::kErrorSuccess);
-  server_.reset();
+  EXPECT_NE(client.ConnectLocal(kTestPipe16), platform::kErrorSuccess);
+  StopServers();
   fs::permissions(run, fs::perms::group_write | fs::perms::others_write, fs::perm_options::remove);
   EXPECT_GE(testing::IndexOfPrefix(capture.Lines(), u"-- CPipeServer: the pipe's folder could be changed"), 0);
   Serve(Transport::kLocal);
-  auto served = Connect();
+  auto served = Connect(Transport::kLocal);
   EXPECT_EQ(served->Call(RequestFrame(SK_FRAME_CLOSE, 1)), SKR_INVALID_HANDLE);
-  EXPECT_EQ(fs::status(run / "skein-test").permissions() & fs::perms::all,
+  EXPECT_EQ(fs::status(run / kTestPipe).permissions() & fs::perms::all,
             fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::group_write |
                 fs::perms::others_read | fs::perms::others_write);
 }

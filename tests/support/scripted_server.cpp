@@ -9,20 +9,10 @@ namespace {
 constexpr uint32_t kLoopback = 0x7F000001u;
 constexpr uint32_t kPollMs = 20;
 
-uint32_t Get32(const std::string& s, std::size_t at) {
-  uint32_t v = 0;
-  for (int i = 3; i >= 0; --i) v = v << 8 | static_cast<uint8_t>(s[at + i]);
-  return v;
-}
-
 }  // namespace
 
 std::string ReplyFrame(const Frame& request, uint32_t result, const std::string& tail) {
   return RequestFrame(request.code, request.tag, DwordBytes(result) + tail);
-}
-
-std::string LengthAs(std::string frame, uint32_t length) {
-  return DwordBytes(length) + frame.substr(4);
 }
 
 ScriptedServer::ScriptedServer(Answer answer) : answer_(std::move(answer)) {
@@ -62,19 +52,8 @@ void ScriptedServer::Serve() {
       continue;
     }
     pending.append(buffer, got);
-    while (pending.size() >= 4) {
-      const uint32_t length = Get32(pending, 0);
-      if (length == 0) {  // the client's ping
-        pending.erase(0, 4);
-        continue;
-      }
-      if (length < SK_FRAME_HEADER_SIZE || pending.size() < length) break;
-      Frame request;
-      request.length = length;
-      request.code = Get32(pending, 4);
-      request.tag = Get32(pending, 8) | static_cast<uint64_t>(Get32(pending, 12)) << 32;
-      request.body = pending.substr(SK_FRAME_HEADER_SIZE, length - SK_FRAME_HEADER_SIZE);
-      pending.erase(0, length);
+    Frame request;
+    while (TakeFrame(&pending, &request) == 1) {  // the client's pings are passed over
       const std::string bytes = answer_(request);
       if (bytes == kHangUp) {
         client.Close();

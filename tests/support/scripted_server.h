@@ -40,7 +40,5 @@ class ScriptedServer {
 
 // A reply frame as the service would build it: the request's code and tag, the result, then `tail`.
 std::string ReplyFrame(const Frame& request, uint32_t result, const std::string& tail = std::string());
-// `frame` with its length field replaced by `length`.
-std::string LengthAs(std::string frame, uint32_t length);
 
 }  // namespace orlenda::testing

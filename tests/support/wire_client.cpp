@@ -1,7 +1,6 @@
 #include "support/wire_client.h"
 
 #include <chrono>
-#include <cstring>
 
 #include "platform/errors.h"
 #include "skein/protocol.h"
@@ -13,18 +12,18 @@ void Put32(std::string* out, uint32_t v) {
   for (int i = 0; i < 4; ++i) out->push_back(static_cast<char>(v >> (8 * i)));
 }
 
-uint32_t Get32(const std::string& s, std::size_t at) {
-  uint32_t v = 0;
-  for (int i = 3; i >= 0; --i) v = v << 8 | static_cast<uint8_t>(s[at + i]);
-  return v;
-}
-
 uint32_t Remaining(std::chrono::steady_clock::time_point deadline) {
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
   return left.count() > 0 ? static_cast<uint32_t>(left.count()) : 0;
 }
 
 }  // namespace
+
+uint32_t Get32(const std::string& bytes, std::size_t at) {
+  uint32_t v = 0;
+  for (int i = 3; i >= 0; --i) v = v << 8 | static_cast<uint8_t>(bytes[at + i]);
+  return v;
+}
 
 uint32_t Frame::Word() const { return body.size() >= 4 ? Get32(body, 0) : 0; }
 
@@ -42,6 +41,8 @@ std::string DwordBytes(uint32_t value) {
   Put32(&bytes, value);
   return bytes;
 }
+
+std::string LengthAs(std::string frame, uint32_t length) { return DwordBytes(length) + frame.substr(4); }
 
 std::string OpenFrame(uint64_t tag, const std::u16string& name) {
   std::string body;
@@ -78,40 +79,43 @@ bool WireClient::Send(const std::string& bytes) {
   return platform::SendAll(socket_, bytes.data(), bytes.size(), 10000, &sent) == platform::kErrorSuccess;
 }
 
-bool WireClient::Fill(std::size_t want, uint32_t timeout_ms) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  while (pending_.size() < want) {
-    platform::SocketWait wait{socket_.handle(), true, false, false, false};
-    std::size_t ready = 0;
-    if (platform::WaitSockets(&wait, 1, Remaining(deadline), &ready) != platform::kErrorSuccess || ready == 0) {
-      return false;
+int TakeFrame(std::string* bytes, Frame* frame, int* pings) {
+  for (;;) {
+    if (bytes->size() < 4) return 0;
+    const uint32_t length = Get32(*bytes, 0);
+    if (length == 0) {
+      if (pings != nullptr) ++*pings;
+      bytes->erase(0, 4);
+      continue;
     }
-    char buffer[65536];
-    std::size_t got = 0;
-    if (platform::Receive(socket_, buffer, sizeof(buffer), &got) != platform::kErrorSuccess || got == 0) return false;
-    pending_.append(buffer, got);
+    if (length < SK_FRAME_HEADER_SIZE) return -1;
+    if (bytes->size() < length) return 0;
+    frame->length = length;
+    frame->code = Get32(*bytes, 4);
+    frame->tag = Get32(*bytes, 8) | static_cast<uint64_t>(Get32(*bytes, 12)) << 32;
+    frame->body = bytes->substr(SK_FRAME_HEADER_SIZE, length - SK_FRAME_HEADER_SIZE);
+    bytes->erase(0, length);
+    return 1;
   }
-  return true;
+}
+
+int WireClient::ReceiveSome(uint32_t timeout_ms) {
+  platform::SocketWait wait{socket_.handle(), true, false, false, false};
+  std::size_t ready = 0, got = 0;
+  if (platform::WaitSockets(&wait, 1, timeout_ms, &ready) != platform::kErrorSuccess) return -1;
+  if (ready == 0) return 0;
+  char buffer[65536];
+  if (platform::Receive(socket_, buffer, sizeof(buffer), &got) != platform::kErrorSuccess || got == 0) return -1;
+  pending_.append(buffer, got);
+  return 1;
 }
 
 bool WireClient::Next(Frame* frame, uint32_t timeout_ms) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  for (;;) {
-    if (!Fill(4, Remaining(deadline))) return false;
-    const uint32_t length = Get32(pending_, 0);
-    if (length == 0) {
-      ++pings_;
-      pending_.erase(0, 4);
-      continue;
-    }
-    if (length < SK_FRAME_HEADER_SIZE || !Fill(length, Remaining(deadline))) return false;
-    frame->length = length;
-    frame->code = Get32(pending_, 4);
-    frame->tag = Get32(pending_, 8) | static_cast<uint64_t>(Get32(pending_, 12)) << 32;
-    frame->body = pending_.substr(SK_FRAME_HEADER_SIZE, length - SK_FRAME_HEADER_SIZE);
-    pending_.erase(0, length);
-    return true;
+  for (int taken; (taken = TakeFrame(&pending_, frame, &pings_)) != 1;) {
+    if (taken < 0 || ReceiveSome(Remaining(deadline)) <= 0) return false;
   }
+  return true;
 }
 
 bool WireClient::NextReply(Frame* frame, uint32_t timeout_ms) {
@@ -119,7 +123,6 @@ bool WireClient::NextReply(Frame* frame, uint32_t timeout_ms) {
   for (;;) {
     if (!Next(frame, Remaining(deadline))) return false;
     if (frame->code != SK_FRAME_EVENT) return true;
-    events += RequestFrame(frame->code, frame->tag, frame->body);
   }
 }
 
@@ -133,13 +136,9 @@ uint32_t WireClient::Call(const std::string& request, Frame* reply) {
 bool WireClient::AwaitClosed(uint32_t timeout_ms) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
-    platform::SocketWait wait{socket_.handle(), true, false, false, false};
-    std::size_t ready = 0;
-    if (platform::WaitSockets(&wait, 1, Remaining(deadline), &ready) != platform::kErrorSuccess) return true;
-    if (ready == 0) return false;  // still open at the deadline
-    char buffer[4096];
-    std::size_t got = 0;
-    if (platform::Receive(socket_, buffer, sizeof(buffer), &got) != platform::kErrorSuccess || got == 0) return true;
+    const int got = ReceiveSome(Remaining(deadline));
+    if (got <= 0) return got < 0;  // closed, or still open at the deadline
+    pending_.clear();
   }
 }
 

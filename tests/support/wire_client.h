@@ -28,6 +28,14 @@ std::string WriteFrame(uint64_t tag, const std::string& data);
 std::string IoctlFrame(uint64_t tag, uint32_t control, const std::string& input = std::string());
 std::string RegisterFrame(uint64_t tag, uint32_t event);
 std::string DwordBytes(uint32_t value);
+// `frame` with its length field replaced by `length`.
+std::string LengthAs(std::string frame, uint32_t length);
+// The little-endian u32 at `at` of `bytes`.
+uint32_t Get32(const std::string& bytes, std::size_t at);
+
+// Takes the first frame off `bytes` (pings, length 0, are taken off and counted in `pings`): 1 when
+// one was taken, 0 while it is not whole yet, -1 when its length is shorter than a header.
+int TakeFrame(std::string* bytes, Frame* frame, int* pings = nullptr);
 
 class WireClient {
  public:
@@ -35,13 +43,12 @@ class WireClient {
   uint32_t ConnectTcp(uint16_t port, const char* from = nullptr);
   uint32_t ConnectLocal(const char16_t* name);
   void Disconnect() { socket_.Close(); }
-  bool connected() const { return socket_.is_open(); }
 
   bool Send(const std::string& bytes);
   // The next frame, within `timeout_ms`; pings (length 0) are counted and skipped. False on time-out
   // or when the service closed the connection.
   bool Next(Frame* frame, uint32_t timeout_ms = 10000);
-  // The next frame that is not an event (events on the way are kept in `events`).
+  // The next frame that is not an event (events on the way are passed over).
   bool NextReply(Frame* frame, uint32_t timeout_ms = 10000);
   // Sends a request and waits for its reply's result word (0xFFFFFFFF when none came).
   uint32_t Call(const std::string& request, Frame* reply = nullptr);
@@ -49,10 +56,11 @@ class WireClient {
   bool AwaitClosed(uint32_t timeout_ms);
 
   int pings() const { return pings_; }
-  std::string events;  // the events NextReply passed over, as whole frames back to back
 
  private:
-  bool Fill(std::size_t want, uint32_t timeout_ms);
+  // Appends what arrives within `timeout_ms`: 1 when bytes came, 0 on time-out, -1 when the
+  // connection ended.
+  int ReceiveSome(uint32_t timeout_ms);
 
   platform::Socket socket_;
   std::string pending_;
