@@ -61,27 +61,26 @@ struct Setting {
 
 // Walks the document below the cursor, collecting choices and ranges by id.
 void Collect(XmlDocument& doc, std::map<std::u16string, Setting>* settings, Setting* owner) {
+  const auto attribute = [&](const char16_t* name) {
+    const WString value = doc.GetAttribute(name);
+    return std::u16string(value.begin(), value.end());
+  };
   doc.ResetMain();
   while (doc.FindSibling(u"")) {
     const WString name = doc.ElementName(doc.main_position());
     const std::u16string kind(name.begin(), name.end());
     if (kind == u"ui" && owner != nullptr) {
-      const WString language = doc.GetAttribute(u"language");
-      if (!doc.GetAttribute(u"label").empty()) owner->languages.insert(std::u16string(language.begin(), language.end()));
+      if (!attribute(u"label").empty()) owner->languages.insert(attribute(u"language"));
       continue;
     }
     Setting* next = owner;
     if (kind == u"choice" || kind == u"range") {
-      const WString id = doc.GetAttribute(u"id");
-      Setting& s = (*settings)[std::u16string(id.begin(), id.end())];
-      s.kind = kind;
-      const WString d = doc.GetAttribute(u"default"), m = doc.GetAttribute(u"min");
-      s.default_value.assign(d.begin(), d.end());
-      s.min.assign(m.begin(), m.end());
-      next = &s;
+      next = &(*settings)[attribute(u"id")];
+      next->kind = kind;
+      next->default_value = attribute(u"default");
+      next->min = attribute(u"min");
     } else if (kind == u"option" && owner != nullptr) {
-      const WString value = doc.GetAttribute(u"value");
-      owner->options.insert(std::u16string(value.begin(), value.end()));
+      owner->options.insert(attribute(u"value"));
       next = nullptr;  // an option's own ui names the option, not the setting
     }
     if (doc.Descend()) {

@@ -31,8 +31,8 @@ class NetPrinterTest : public DeviceTest {
     return std::u16string(text.begin(), text.end());
   }
   // Opens the port and waits until it is online.
-  void OpenOnline(DeviceClient& client) {
-    ConfigurePrinter();
+  void OpenOnline(DeviceClient& client, uint32_t write_timeout_ms = 5000) {
+    ConfigurePrinter(write_timeout_ms);
     ASSERT_EQ(client.Open(kPort), SKR_SUCCESS);
     ASSERT_TRUE(client.WaitOnline(true));
   }
@@ -40,17 +40,23 @@ class NetPrinterTest : public DeviceTest {
   FakePrinter printer_;
 };
 
-TEST_F(NetPrinterTest, SwitchedOffAndOnTheSamePortWorksAgainWithNothingSentTwice) {
-  ASSERT_TRUE(printer_.listening());
+// Absent at the open, switched on, off and on again on the same port.
+TEST_F(NetPrinterTest, APrinterComesOnlineWhenItAppearsAndAfterItsPowerCycleWithNothingSentTwice) {
+  printer_.SwitchOff();
+  ConfigurePrinter();
   DeviceClient client;
-  OpenOnline(client);
+  ASSERT_EQ(client.Open(kPort), SKR_SUCCESS);  // does not wait for the printer
+  EXPECT_EQ(client.State(), 0u);
+  ASSERT_TRUE(client.WaitCount(SK_EVENT_DEVICE_OFFLINE, 1));
+  ASSERT_TRUE(printer_.SwitchOn());
+  ASSERT_TRUE(client.WaitOnline(true));
   uint32_t written = 0;
   ASSERT_EQ(client.Write("ABC" + kStatusRequest, &written), SKR_SUCCESS);
   EXPECT_EQ(written, 6u);
   ASSERT_TRUE(WaitUntil([&] { return client.Data() == std::string(1, kFakePrinterStatus); })) << client.Data();
 
   printer_.SwitchOff();
-  ASSERT_TRUE(client.WaitCount(SK_EVENT_DEVICE_OFFLINE, 1));
+  ASSERT_TRUE(client.WaitCount(SK_EVENT_DEVICE_OFFLINE, 2));
   const std::string reason = client.LastText(SK_EVENT_DEVICE_OFFLINE);
   EXPECT_NE(reason.find("127.0.0.1:" + std::to_string(printer_.port()) + ": "), std::string::npos) << reason;
   EXPECT_EQ(client.State() & SK_DEVICE_STATE_ONLINE, 0u);
@@ -67,26 +73,9 @@ TEST_F(NetPrinterTest, SwitchedOffAndOnTheSamePortWorksAgainWithNothingSentTwice
   ASSERT_TRUE(WaitUntil([&] { return printer_.ReceivedSize() >= 12; }));
   EXPECT_EQ(printer_.Received(), "ABC" + kStatusRequest + "DEF" + kStatusRequest);
   ASSERT_TRUE(WaitUntil([&] { return client.Data().size() == 2; }));
-  EXPECT_EQ(client.Count(SK_EVENT_DEVICE_OFFLINE), 1);  // once, whatever the retries in between
+  EXPECT_EQ(client.Count(SK_EVENT_DEVICE_OFFLINE), 2);  // once each time, whatever the retries in between
   EXPECT_EQ(client.Count(SK_EVENT_DEVICE_ONLINE), 2);
   EXPECT_EQ(printer_.Connections(), 2);
-  EXPECT_EQ(client.Close(), SKR_SUCCESS);
-}
-
-TEST_F(NetPrinterTest, APrinterAbsentAtOpenComesOnlineWhenItAppears) {
-  printer_.SwitchOff();
-  ConfigurePrinter();
-  DeviceClient client;
-  ASSERT_EQ(client.Open(kPort), SKR_SUCCESS);  // does not wait for the printer
-  EXPECT_EQ(client.State(), 0u);
-  uint32_t written = 99;
-  EXPECT_EQ(client.Write("x", &written), SKR_DEVICE_OFFLINE);
-  EXPECT_EQ(written, 0u);
-  ASSERT_TRUE(printer_.SwitchOn());
-  ASSERT_TRUE(client.WaitOnline(true));
-  EXPECT_EQ(client.Write("hello", &written), SKR_SUCCESS);
-  ASSERT_TRUE(WaitUntil([&] { return printer_.ReceivedSize() == 5; }));
-  EXPECT_EQ(printer_.Received(), "hello");
   EXPECT_EQ(client.Close(), SKR_SUCCESS);
 }
 
@@ -103,19 +92,13 @@ TEST_F(NetPrinterTest, WritesGoOutWholeOrStopAtTheTimeoutSayingHowMuchWentOut) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.size);
     const std::size_t before = printer_.ReceivedSize();
-    ConfigurePrinter(c.printer_reads ? 10000 : 300);
     DeviceClient client;
-    ASSERT_EQ(client.Open(kPort), SKR_SUCCESS);
-    ASSERT_TRUE(client.WaitOnline(true));
+    OpenOnline(client, c.printer_reads ? 10000 : 300);
     if (!c.printer_reads) printer_.StopReading();
     const std::string data = Pattern(c.size);
     uint32_t written = 0;
     EXPECT_EQ(client.Write(data, &written), c.result);
-    if (c.result == SKR_SUCCESS) {
-      EXPECT_EQ(written, c.size);
-    } else {
-      EXPECT_LT(written, c.size);
-    }
+    EXPECT_TRUE(c.result == SKR_SUCCESS ? written == c.size : written < c.size) << written;
     printer_.ResumeReading();
     ASSERT_TRUE(WaitUntil([&] { return printer_.ReceivedSize() >= before + written; }));
     // Exactly what the write reported went out, the first bytes of it and nothing else; the port

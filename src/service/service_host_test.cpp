@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -76,18 +77,30 @@ class FakeSystem : public platform::ServiceSystem {
   uint32_t LastError() override { return 1234; }
   bool SetInterruptHandler(InterruptHandler) override { return true; }
 
-  // Waits until `state` was reported.
-  bool AwaitState(uint32_t state) {
+  // Waits (bounded) until `done` holds of what was recorded, under the lock.
+  bool Await(const std::function<bool()>& done) {
     for (int i = 0; i < 2000; ++i) {
       {
         std::lock_guard<std::mutex> hold(lock);
-        for (const ServiceStatus& s : statuses) {
-          if (s.current_state == state) return true;
-        }
+        if (done()) return true;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return false;
+  }
+  bool AwaitState(uint32_t state) {
+    return Await([&] {
+      for (const ServiceStatus& s : statuses) {
+        if (s.current_state == state) return true;
+      }
+      return false;
+    });
+  }
+  // Start-pending, then stopped once with `exit_code`.
+  void ExpectStoppedAtStart(uint32_t exit_code) {
+    ASSERT_EQ(statuses.size(), 2u);
+    EXPECT_EQ(statuses[1].current_state, platform::kServiceStopped);
+    EXPECT_EQ(statuses[1].win32_exit_code, exit_code);
   }
 
   std::mutex lock;
@@ -98,6 +111,7 @@ class FakeSystem : public platform::ServiceSystem {
   bool fail_status = false;
 };
 
+constexpr uint32_t kAwake = platform::kExecutionContinuous | platform::kExecutionSystemRequired;
 const ServiceIdentity kIdentity = {u"Orlenda", u"Orlenda Service", u"Orlenda", u"OrlendaLog", u"OrlendaLog",
                                    u"orlenda", nullptr, nullptr, true};
 
@@ -108,21 +122,14 @@ uint32_t WaitForStop(ServiceHost& host) {
   return 0;
 }
 
-struct Report {
-  uint32_t state, accepted, exit_code, check_point, wait_hint;
-};
-
-void ExpectReports(const std::vector<ServiceStatus>& got, const std::vector<Report>& expected) {
-  ASSERT_EQ(got.size(), expected.size());
-  for (std::size_t i = 0; i < got.size(); ++i) {
-    SCOPED_TRACE(i);
-    EXPECT_EQ(got[i].service_type, platform::kServiceOwnProcess);
-    EXPECT_EQ(got[i].current_state, expected[i].state);
-    EXPECT_EQ(got[i].controls_accepted, expected[i].accepted);
-    EXPECT_EQ(got[i].win32_exit_code, expected[i].exit_code);
-    EXPECT_EQ(got[i].check_point, expected[i].check_point);
-    EXPECT_EQ(got[i].wait_hint, expected[i].wait_hint);
+// Each report as {state, controls accepted, exit code, check point, wait hint}; all are of an own process.
+std::vector<std::array<uint32_t, 5>> Reports(const std::vector<ServiceStatus>& got) {
+  std::vector<std::array<uint32_t, 5>> reports;
+  for (const ServiceStatus& s : got) {
+    EXPECT_EQ(s.service_type, platform::kServiceOwnProcess);
+    reports.push_back({s.current_state, s.controls_accepted, s.win32_exit_code, s.check_point, s.wait_hint});
   }
+  return reports;
 }
 
 TEST(ServiceHostTest, StatusReportsAndCheckPointsInOrder) {
@@ -133,11 +140,11 @@ TEST(ServiceHostTest, StatusReportsAndCheckPointsInOrder) {
   host.OnControl(4);  // interrogate: the state again
   host.OnControl(platform::kServiceControlStop);
   service.join();
-  ExpectReports(system.statuses, {{platform::kServiceStartPending, 0, 0, 1, 3000},
-                                  {platform::kServiceRunning, 1, 0, 0, 0},
-                                  {platform::kServiceRunning, 1, 0, 0, 0},
-                                  {platform::kServiceStopPending, 1, 0, 2, 0},
-                                  {platform::kServiceStopped, 1, 0, 0, 0}});
+  const std::vector<std::array<uint32_t, 5>> expected = {
+      {platform::kServiceStartPending, 0, 0, 1, 3000}, {platform::kServiceRunning, 1, 0, 0, 0},
+      {platform::kServiceRunning, 1, 0, 0, 0},         {platform::kServiceStopPending, 1, 0, 2, 0},
+      {platform::kServiceStopped, 1, 0, 0, 0}};
+  EXPECT_EQ(Reports(system.statuses), expected);
   EXPECT_TRUE(system.events.empty());
 }
 
@@ -146,9 +153,7 @@ TEST(ServiceHostTest, AFailedReportGoesToTheEventLogAndBecomesTheExitCode) {
   system.fail_status = true;
   ServiceHost host(kIdentity, &WaitForStop, system);
   host.ServiceMain();  // the start-pending report fails: the body never runs
-  ASSERT_EQ(system.statuses.size(), 2u);
-  EXPECT_EQ(system.statuses[1].current_state, platform::kServiceStopped);
-  EXPECT_EQ(system.statuses[1].win32_exit_code, 1234u);
+  system.ExpectStoppedAtStart(1234u);
   ASSERT_EQ(system.events.size(), 2u);
   EXPECT_EQ(system.events[0], u"Orlenda|Orlenda error: 1234|Orlenda Service: SetServiceStatus failed.");
 }
@@ -183,6 +188,9 @@ class ServiceStartTest : public testing::ConfigurationFixture {
     host.OnControl(platform::kServiceControlStop);
     service.join();
   }
+  static std::filesystem::path FsPath(const WString& path) {
+    return std::filesystem::u8path(std::string(WideToUtf8(View(path)).c_str()));
+  }
   bool TcpListens() {
     testing::WireClient client;
     return client.ConnectTcp(port_) == platform::kErrorSuccess;
@@ -197,39 +205,31 @@ TEST_F(ServiceStartTest, AConfigurationThatCannotLoadStopsWithExitCodeThree) {
   ASSERT_TRUE(store.SetString(u"/note", u"empty"));
   ServiceHost host(kIdentity, &ServiceStart, system_);
   host.ServiceMain();
-  // Start-pending, then stopped once, with the exit code that stays.
-  ASSERT_EQ(system_.statuses.size(), 2u);
-  EXPECT_EQ(system_.statuses[1].current_state, platform::kServiceStopped);
-  EXPECT_EQ(system_.statuses[1].win32_exit_code, kStartFailedExitCode);
+  system_.ExpectStoppedAtStart(kStartFailedExitCode);
 }
 
 TEST_F(ServiceStartTest, AConfigurationOthersMayWriteIsRefused) {
   WriteBrokerConfiguration();
   namespace fs = std::filesystem;
   const WString path = testing::StorePath(u"Orlenda.configuration");
-  const fs::path file = fs::u8path(std::string(WideToUtf8(View(path)).c_str()));
-  fs::permissions(file, fs::perms::others_write, fs::perm_options::add);
+  fs::permissions(FsPath(path), fs::perms::others_write, fs::perm_options::add);
   bool trusted = true;
   ASSERT_EQ(platform::OnlyTrustedMayChange(path.c_str(), &trusted), 0u);
   if (trusted) GTEST_SKIP() << "this file system cannot make a file writable by others from here";
   ServiceHost host(kIdentity, &ServiceStart, system_);
   host.ServiceMain();
-  ASSERT_EQ(system_.statuses.size(), 2u);
-  EXPECT_EQ(system_.statuses[1].current_state, platform::kServiceStopped);
-  EXPECT_EQ(system_.statuses[1].win32_exit_code, kStartFailedExitCode);
+  system_.ExpectStoppedAtStart(kStartFailedExitCode);
   ASSERT_EQ(system_.events.size(), 1u);
   EXPECT_NE(system_.events[0].find(u"may be changed by users other than the administrators"), std::u16string::npos);
-  fs::permissions(file, fs::perms::others_write, fs::perm_options::remove);
+  fs::permissions(FsPath(path), fs::perms::others_write, fs::perm_options::remove);
 }
 
 TEST_F(ServiceStartTest, ALooserDataFolderIsTakenOver) {
-  namespace fs = std::filesystem;
   ServiceHost host(kIdentity, &ServiceStart, system_);
   WString folder;
   ASSERT_TRUE(ServiceDataFolder(host, &folder));
-  const fs::path path = fs::u8path(std::string(WideToUtf8(View(folder)).c_str()));
-  fs::create_directories(path);
-  fs::permissions(path, fs::perms::all);  // anyone may plant a configuration here
+  std::filesystem::create_directories(FsPath(folder));  // and anyone may plant a configuration in it
+  std::filesystem::permissions(FsPath(folder), std::filesystem::perms::all);
   WString refusal;
   EXPECT_TRUE(SecureServiceData(host, &refusal)) << testing::Narrow(View(refusal));
   bool trusted = false;
@@ -239,16 +239,8 @@ TEST_F(ServiceStartTest, ALooserDataFolderIsTakenOver) {
 
 TEST_F(ServiceStartTest, TheMachineStaysAwakeOnlyWhileAPortIsLocked) {
   WriteBrokerConfiguration();
-  const uint32_t awake = platform::kExecutionContinuous | platform::kExecutionSystemRequired;
   const auto await_last = [&](uint32_t flags) {
-    for (int i = 0; i < 1000; ++i) {
-      {
-        std::lock_guard<std::mutex> hold(system_.lock);
-        if (!system_.execution.empty() && system_.execution.back() == flags) return true;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return false;
+    return system_.Await([&] { return !system_.execution.empty() && system_.execution.back() == flags; });
   };
   RunService([&] {
     EXPECT_EQ(RegisteredServerCount(), 2u);
@@ -258,14 +250,14 @@ TEST_F(ServiceStartTest, TheMachineStaysAwakeOnlyWhileAPortIsLocked) {
     ASSERT_EQ(c.Open(&name), SKR_SUCCESS);
     BlobRef out;
     ASSERT_EQ(c.Ioctl(SK_PORT_LOCK, BlobRef::Adopt(DwordBlobCreate(1)), &out), SKR_SUCCESS);
-    EXPECT_TRUE(await_last(awake));
+    EXPECT_TRUE(await_last(kAwake));
     ASSERT_EQ(c.Ioctl(SK_PORT_LOCK, BlobRef::Adopt(DwordBlobCreate(2)), &out), SKR_SUCCESS);
     EXPECT_TRUE(await_last(platform::kExecutionContinuous));
     ASSERT_EQ(c.Close(), SKR_SUCCESS);
   });
   // Locked, unlocked, and let sleep on the way out (the close's own change may come in between).
   ASSERT_GE(system_.execution.size(), 3u);
-  EXPECT_EQ(system_.execution[0], awake);
+  EXPECT_EQ(system_.execution[0], kAwake);
   for (std::size_t i = 1; i < system_.execution.size(); ++i) EXPECT_EQ(system_.execution[i], platform::kExecutionContinuous);
 }
 
@@ -278,16 +270,9 @@ TEST_F(ServiceStartTest, AStopWhileLockedLetsTheMachineSleepBeforeTheServersGo) 
     ASSERT_EQ(holder.ConnectTcp(port_), platform::kErrorSuccess);
     ASSERT_EQ(holder.Call(testing::OpenFrame(1, u"LOOP/1")), SKR_SUCCESS);
     ASSERT_EQ(holder.Call(testing::IoctlFrame(2, SK_PORT_LOCK, testing::DwordBytes(1))), SKR_SUCCESS);
-    for (int i = 0; i < 400; ++i) {  // until the lock was seen
-      {
-        std::lock_guard<std::mutex> hold(system_.lock);
-        if (!system_.execution.empty()) break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    system_.Await([&] { return !system_.execution.empty(); });  // until the lock was seen
   });
-  const uint32_t awake = platform::kExecutionContinuous | platform::kExecutionSystemRequired;
-  EXPECT_EQ(system_.execution, (std::vector<uint32_t>{awake, platform::kExecutionContinuous}));
+  EXPECT_EQ(system_.execution, (std::vector<uint32_t>{kAwake, platform::kExecutionContinuous}));
   EXPECT_EQ(listening, (std::vector<bool>{true, true}));  // the servers were still there both times
   EXPECT_TRUE(holder.AwaitClosed(5000));
   EXPECT_EQ(RegisteredServerCount(), 0u);

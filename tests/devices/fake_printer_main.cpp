@@ -45,24 +45,19 @@ int FreePort() {
   return 0;
 }
 
-void Say(const char* text) {
-  std::printf("%s\n", text);
+void Say(const std::string& text) {
+  std::printf("%s\n", text.c_str());
   std::fflush(stdout);
 }
 
 int Serve(const char* received_path, long seconds) {
   std::FILE* received = std::fopen(received_path, "ab");
-  if (received == nullptr) {
-    std::fprintf(stderr, "fake_printer: cannot open %s\n", received_path);
-    return 1;
-  }
   FakePrinter printer;
-  if (!printer.listening()) {
-    std::fprintf(stderr, "fake_printer: cannot listen\n");
+  if (received == nullptr || !printer.listening()) {
+    std::fprintf(stderr, "fake_printer: cannot %s\n", received == nullptr ? "open the received file" : "listen");
     return 1;
   }
-  std::printf("listening on 127.0.0.1:%u\n", static_cast<unsigned>(printer.port()));
-  std::fflush(stdout);
+  Say("listening on 127.0.0.1:" + std::to_string(printer.port()));
 
   const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   std::size_t kept = 0;
@@ -76,19 +71,13 @@ int Serve(const char* received_path, long seconds) {
     }
     if (printer.Connections() != connections) {
       connections = printer.Connections();
-      Say(("connection " + std::to_string(connections)).c_str());
+      Say("connection " + std::to_string(connections));
     }
     const int change = g_switch;
     if (change != 0) {
       g_switch = 0;
-      if (change == SIGUSR1) {
-        printer.SwitchOff();
-        Say("off");
-      } else if (printer.SwitchOn()) {
-        Say("on");
-      } else {
-        Say("cannot switch on");
-      }
+      if (change == SIGUSR1) printer.SwitchOff();
+      Say(change == SIGUSR1 ? "off" : printer.SwitchOn() ? "on" : "cannot switch on");
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }

@@ -73,8 +73,4 @@ class ServedTest : public port_testing::PortTest {
   std::vector<std::unique_ptr<SKServer>> servers_;
 };
 
-// The transports this platform serves in-process: TCP, and the local pipe (a Unix socket on POSIX,
-// the named pipe on Windows).
-inline std::vector<Transport> BothTransports() { return {Transport::kTcp, Transport::kLocal}; }
-
 }  // namespace orlenda::testing
