@@ -20,9 +20,7 @@ namespace orlenda {
 namespace {
 
 using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
-using testing::Frame;
-using testing::ServedTest;
-using testing::Transport;
+using namespace orlenda::testing;       // NOLINT: the served fixture, frames and the scripted server
 
 std::string NameAndValue(const std::u16string& name, const std::string& value) {
   std::string bytes(reinterpret_cast<const char*>(name.c_str()), (name.size() + 1) * 2);
@@ -161,7 +159,7 @@ TEST_P(ClientTest, AServerThatStopsFailsLaterCalls) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
 }
 
-INSTANTIATE_TEST_SUITE_P(Both, ClientTest, ::testing::Values(Transport::kTcp, Transport::kLocal), testing::TransportName);
+INSTANTIATE_TEST_SUITE_P(Both, ClientTest, ::testing::Values(Transport::kTcp, Transport::kLocal), TransportName);
 
 class ClientTcpTest : public ServedTest {};
 
@@ -180,7 +178,7 @@ TEST_F(ClientTcpTest, AnIdleClientIsKeptAliveByItsPings) {
 
 TEST_F(ClientTcpTest, ConnectingWhereNobodyListensFails) {
   SkClient* client = nullptr;
-  const std::string nobody = "127.0.0.1:" + std::to_string(testing::FreeTcpPort());
+  const std::string nobody = "127.0.0.1:" + std::to_string(FreeTcpPort());
   EXPECT_EQ(SkConnectTcp(nobody.c_str(), nullptr, &client), SKC_CANNOT_CONNECT);
   EXPECT_EQ(SkConnectLocal("skein-nobody-here", nullptr, &client), SKC_CANNOT_CONNECT);
   for (const char* bad : {"", "host:", "host:0", "host:70000", "host:12x"}) {
@@ -205,8 +203,8 @@ class HostileServerTest : public ::testing::TestWithParam<Misbehaviour> {};
 TEST_P(HostileServerTest, NeverHangsNorCrashes) {
   const Misbehaviour& m = GetParam();
   int calls = 0;
-  testing::ScriptedServer server([&](const Frame& request) {
-    return ++calls == 1 ? m.answer(request) : testing::ReplyFrame(request, SKR_SUCCESS);
+  ScriptedServer server([&](const Frame& request) {
+    return ++calls == 1 ? m.answer(request) : ReplyFrame(request, SKR_SUCCESS);
   });
   ASSERT_NE(server.port(), 0);
   skein::Client client;
@@ -220,30 +218,24 @@ TEST_P(HostileServerTest, NeverHangsNorCrashes) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << m.what;
 }
 
-std::string Silence(const Frame&) { return std::string(); }
+ScriptedServer::Answer WithLength(uint32_t length) {
+  return [length](const Frame& r) { return LengthAs(ReplyFrame(r, 0), length); };
+}
 
 const Misbehaviour kMisbehaviours[] = {
-    {"silent past the keep-alive", Silence, SKC_CONNECTION_LOST, SKC_CONNECTION_LOST},
-    {"hangs up", [](const Frame&) { return std::string(testing::kHangUp); }, SKC_CONNECTION_LOST,
-     SKC_CONNECTION_LOST},
-    {"length 1", [](const Frame& r) { return testing::LengthAs(testing::ReplyFrame(r, 0), 1); }, SKC_PROTOCOL_ERROR,
-     SKC_PROTOCOL_ERROR},
-    {"length 15", [](const Frame& r) { return testing::LengthAs(testing::ReplyFrame(r, 0), 15); },
-     SKC_PROTOCOL_ERROR, SKC_PROTOCOL_ERROR},
-    {"length 4 GiB", [](const Frame& r) { return testing::LengthAs(testing::ReplyFrame(r, 0), 0xFFFFFFFFu); },
-     SKC_REPLY_TOO_LARGE, SKC_CONNECTION_LOST},
-    {"a header without result", [](const Frame& r) { return testing::RequestFrame(r.code, r.tag); }, SKC_BAD_REPLY,
+    {"silent past the keep-alive", [](const Frame&) { return std::string(); }, SKC_CONNECTION_LOST, SKC_CONNECTION_LOST},
+    {"hangs up", [](const Frame&) { return std::string(kHangUp); }, SKC_CONNECTION_LOST, SKC_CONNECTION_LOST},
+    {"length 1", WithLength(1), SKC_PROTOCOL_ERROR, SKC_PROTOCOL_ERROR},
+    {"length 15", WithLength(15), SKC_PROTOCOL_ERROR, SKC_PROTOCOL_ERROR},
+    {"length 4 GiB", WithLength(0xFFFFFFFFu), SKC_REPLY_TOO_LARGE, SKC_CONNECTION_LOST},
+    {"a header without result", [](const Frame& r) { return RequestFrame(r.code, r.tag); }, SKC_BAD_REPLY, SKR_SUCCESS},
+    {"the wrong code", [](const Frame& r) { return ReplyFrame(Frame{0, r.code + 1, r.tag, ""}, 0); }, SKC_BAD_REPLY,
      SKR_SUCCESS},
-    {"the wrong code", [](const Frame& r) { return testing::RequestFrame(r.code + 1, r.tag, std::string(4, '\0')); },
-     SKC_BAD_REPLY, SKR_SUCCESS},
-    {"an unknown tag, then nothing",
-     [](const Frame& r) { return testing::RequestFrame(r.code, r.tag + 99, std::string(4, '\0')); },
+    {"an unknown tag, then nothing", [](const Frame& r) { return ReplyFrame(Frame{0, r.code, r.tag + 99, ""}, 0); },
      SKC_CONNECTION_LOST, SKC_CONNECTION_LOST},
     {"pings and a short event first",
-     [](const Frame& r) {
-       return std::string(8, '\0') + testing::RequestFrame(SK_FRAME_EVENT, 0, "ab") + testing::ReplyFrame(r, 7);
-     },
-     7u, SKR_SUCCESS},
+     [](const Frame& r) { return std::string(8, '\0') + RequestFrame(SK_FRAME_EVENT, 0, "ab") + ReplyFrame(r, 7); }, 7u,
+     SKR_SUCCESS},
 };
 
 INSTANTIATE_TEST_SUITE_P(Replies, HostileServerTest, ::testing::ValuesIn(kMisbehaviours),

@@ -42,6 +42,14 @@ class TransportTest : public ServedTest, public ::testing::WithParamInterface<Tr
     return client;
   }
 
+  // A client with `port` open, and locked when `lock`.
+  std::unique_ptr<WireClient> Opened(Transport transport, const char16_t* port = u"loop/dev1", bool lock = false) {
+    auto client = Connect(transport);
+    EXPECT_EQ(client->Call(OpenFrame(1, port)), SKR_SUCCESS);
+    if (lock) EXPECT_EQ(client->Call(IoctlFrame(2, SK_PORT_LOCK, DwordBytes(1))), SKR_SUCCESS);
+    return client;
+  }
+
   // Waits until the server holds `count` connections.
   void AwaitConnections(std::size_t count) {
     for (int i = 0; i < 1000 && Connections() != count; ++i) {
@@ -59,47 +67,34 @@ std::vector<Transport> Transports() {
   return all;
 }
 
-TEST_P(TransportTest, AClientThatGoesAwayClosesItsPortAndPassesTheLockOn) {
+TEST_P(TransportTest, ALostClientPassesItsLockOnAndAStopDeletesEveryConnection) {
   Serve(GetParam());
-  auto holder = Connect(GetParam());
-  auto waiter = Connect(GetParam());
-  ASSERT_EQ(holder->Call(OpenFrame(1, u"loop/dev1")), SKR_SUCCESS);
-  ASSERT_EQ(holder->Call(IoctlFrame(2, SK_PORT_LOCK, DwordBytes(1))), SKR_SUCCESS);
-  ASSERT_EQ(waiter->Call(OpenFrame(1, u"loop/dev1")), SKR_SUCCESS);
+  auto holder = Opened(GetParam(), u"loop/dev1", true);
+  auto waiter = Opened(GetParam());
+  auto other = Opened(GetParam(), u"loop/dev2");
   ASSERT_EQ(waiter->Call(RegisterFrame(2, SK_EVENT_LOCK)), SKR_SUCCESS);
   ASSERT_EQ(waiter->Call(IoctlFrame(3, SK_PORT_LOCK, DwordBytes(1))), SKR_LOCK_PENDING);
-  holder->Disconnect();
+  holder->Disconnect();  // its port is closed and the lock goes to the waiter
   Frame event;
   ASSERT_TRUE(waiter->Next(&event));
   EXPECT_EQ(event.code, SK_FRAME_EVENT);
   EXPECT_EQ(event.Word(), SK_EVENT_LOCK);
   EXPECT_EQ(event.Tail(), DwordBytes(1));
-  AwaitConnections(1);
-}
-
-TEST_P(TransportTest, StoppingTheServerDeletesEveryConnection) {
-  Serve(GetParam());
-  std::vector<std::unique_ptr<WireClient>> clients;
-  for (int i = 0; i < 3; ++i) {
-    clients.push_back(Connect(GetParam()));
-    ASSERT_EQ(clients.back()->Call(OpenFrame(1, i == 2 ? u"loop/dev2" : u"loop/dev1")), SKR_SUCCESS);
-  }
+  AwaitConnections(2);
   server().Stop();
   EXPECT_EQ(server().ConnectionCount(), 0u);
   EXPECT_EQ(PortTable::Size(), 0u);
-  for (auto& client : clients) EXPECT_TRUE(client->AwaitClosed(5000));
+  EXPECT_TRUE(waiter->AwaitClosed(5000));
+  EXPECT_TRUE(other->AwaitClosed(5000));
 }
 
 // A member that never reads while writes to its port echo to it: it gets whole frames until it is
 // dropped, and the writer is never held longer than the drop takes.
 TEST_P(TransportTest, AClientThatStopsReadingGetsWholeFramesOrIsDropped) {
   Serve(GetParam(), 500, 1000);
-  auto sleeper = Connect(GetParam());
-  auto writer = Connect(GetParam());
-  ASSERT_EQ(sleeper->Call(OpenFrame(1, u"loop/dev1")), SKR_SUCCESS);
+  auto sleeper = Opened(GetParam());
+  auto writer = Opened(GetParam(), u"loop/dev1", true);
   ASSERT_EQ(sleeper->Call(RegisterFrame(2, kLoopbackData)), SKR_SUCCESS);
-  ASSERT_EQ(writer->Call(OpenFrame(1, u"loop/dev1")), SKR_SUCCESS);
-  ASSERT_EQ(writer->Call(IoctlFrame(2, SK_PORT_LOCK, DwordBytes(1))), SKR_SUCCESS);
   const std::string chunk(65536, 'w');
   for (int i = 0; i < 120; ++i) ASSERT_EQ(writer->Call(WriteFrame(10 + i, chunk)), SKR_SUCCESS) << i;
   AwaitConnections(1);  // the sleeper was dropped

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 
 #include "platform/errors.h"
@@ -16,50 +17,32 @@ class PresenceTest : public testing::ScratchNameTest {
   PresenceTest() { run_below_ = "/run"; }
 };
 
-TEST_F(PresenceTest, HeldOnlyWhileAcquired) {
+TEST_F(PresenceTest, HeldOnlyWhileAcquiredAndByOneHolderAtATime) {
+  const std::u16string other = name_ + u"-other";
   EXPECT_FALSE(IsPresenceHeld(name()));
-  PresenceObject presence;
-  EXPECT_FALSE(presence.held());
-  ASSERT_EQ(presence.Acquire(name()), kErrorSuccess);
-  EXPECT_TRUE(presence.held());
+  PresenceObject first, third;
+  auto second = std::make_unique<PresenceObject>();
+  EXPECT_FALSE(first.held());
+  ASSERT_EQ(first.Acquire(name()), kErrorSuccess);
+  EXPECT_TRUE(first.held());
   EXPECT_TRUE(IsPresenceHeld(name()));
   EXPECT_TRUE(IsPresenceHeld(name())) << "asking must not disturb the holder";
-
-  presence.Release();
-  EXPECT_FALSE(presence.held());
-  EXPECT_FALSE(IsPresenceHeld(name()));
-
-  // Taken again after release, and given back by the destructor.
-  {
-    PresenceObject again;
-    ASSERT_EQ(again.Acquire(name()), kErrorSuccess);
-    EXPECT_TRUE(IsPresenceHeld(name()));
-  }
-  EXPECT_FALSE(IsPresenceHeld(name()));
-}
-
-TEST_F(PresenceTest, SecondHolderInSameProcessIsRefused) {
-  PresenceObject first;
-  ASSERT_EQ(first.Acquire(name()), kErrorSuccess);
-  PresenceObject second;
-  EXPECT_EQ(second.Acquire(name()), kErrorAlreadyExists);
-  EXPECT_FALSE(second.held());
+  EXPECT_EQ(second->Acquire(name()), kErrorAlreadyExists);
+  EXPECT_FALSE(second->held());
+  second->Release();  // releasing what it never had changes nothing
   EXPECT_TRUE(IsPresenceHeld(name()));
-  second.Release();  // releasing what it never had changes nothing
-  EXPECT_TRUE(IsPresenceHeld(name()));
+  EXPECT_FALSE(IsPresenceHeld(other.c_str()));  // names are independent
+  EXPECT_EQ(third.Acquire(other.c_str()), kErrorSuccess);
 
   first.Release();
-  EXPECT_EQ(second.Acquire(name()), kErrorSuccess);
-  EXPECT_TRUE(second.held());
-}
-
-TEST_F(PresenceTest, NamesAreIndependent) {
-  std::u16string other = name_ + u"-other";
-  PresenceObject presence;
-  ASSERT_EQ(presence.Acquire(name()), kErrorSuccess);
-  EXPECT_FALSE(IsPresenceHeld(other.c_str()));
-  PresenceObject other_presence;
-  EXPECT_EQ(other_presence.Acquire(other.c_str()), kErrorSuccess);
+  EXPECT_FALSE(first.held());
+  EXPECT_FALSE(IsPresenceHeld(name()));
+  // The refused one takes it now, and its destructor gives it back.
+  EXPECT_EQ(second->Acquire(name()), kErrorSuccess);
+  EXPECT_TRUE(second->held());
+  EXPECT_TRUE(IsPresenceHeld(name()));
+  second.reset();
+  EXPECT_FALSE(IsPresenceHeld(name()));
 }
 
 }  // namespace
