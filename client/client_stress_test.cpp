@@ -44,9 +44,7 @@ TEST_F(ClientStressTest, SixteenClientsOverBothTransportsAtOnce) {
     ASSERT_EQ(m.client.RegisterCallback(SK_EVENT_NOTIFY), SKR_SUCCESS);
   }
 
-  std::atomic<int> library_failures{0};
-  std::atomic<int> short_writes{0};
-  std::atomic<int> writes_done{0};
+  std::atomic<int> library_failures{0}, short_writes{0}, writes_done{0};
   std::vector<std::thread> threads;
   for (int i = 0; i < kClients; ++i) {
     threads.emplace_back([&, i] {

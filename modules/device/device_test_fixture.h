@@ -22,7 +22,6 @@
 
 namespace orlenda::device_testing {
 
-using port_testing::Bytes;
 using port_testing::Text;
 
 // Every wait of these tests: long enough for a loaded machine, short enough to end a broken run.
@@ -114,13 +113,6 @@ class DeviceClient {
     }
     return text;
   }
-  void Forget() {
-    Events();
-    events_.clear();
-  }
-
-  LocalConnection& connection() { return connection_; }
-
  private:
   LocalConnection connection_;
   std::vector<LocalConnection::ReceivedEvent> events_;

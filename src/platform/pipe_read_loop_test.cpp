@@ -71,15 +71,6 @@ class PipeReadLoopTest : public testing::ScratchNameTest {
     ScratchNameTest::TearDown();
   }
 
-  // As a writer does: while every instance is taken (Windows), waits for one to be free.
-  void Open(PipeStream* writer) {
-    uint32_t error = kErrorPipeBusy;
-    for (int attempt = 0; attempt < 50 && error == kErrorPipeBusy; ++attempt) {
-      if (attempt > 0) WaitForPipe(name(), 100);
-      error = writer->Open(name(), false);
-    }
-    ASSERT_EQ(error, kErrorSuccess);
-  }
   static void Send(PipeStream* writer, const std::string& text) {
     uint32_t written = 0;
     ASSERT_EQ(writer->Write(text.data(), static_cast<uint32_t>(text.size()), &written), kErrorSuccess);
@@ -104,7 +95,7 @@ class PipeReadLoopTest : public testing::ScratchNameTest {
 TEST_F(PipeReadLoopTest, ReadsEveryWriterInOrderAndAtShutdownWhatTheyHadSent) {
   runner_ = std::thread([this] { EXPECT_EQ(loop_.Run(&recorder_, 20), kErrorSuccess); });
   PipeStream writers[4];
-  for (PipeStream& w : writers) Open(&w);
+  for (PipeStream& w : writers) ASSERT_EQ(OpenClient(&w), kErrorSuccess);
   ASSERT_TRUE(WaitForWriters(4, false));
   // One message far longer than the loop's buffer: it arrives in pieces, whole and in place.
   const std::string long_message(300000, 'x');
@@ -129,7 +120,7 @@ TEST_F(PipeReadLoopTest, ReadsEveryWriterInOrderAndAtShutdownWhatTheyHadSent) {
 
 TEST_F(PipeReadLoopTest, ShutdownBeforeRunStillReadsTheWritersWaiting) {
   PipeStream writer;
-  Open(&writer);
+  ASSERT_EQ(OpenClient(&writer), kErrorSuccess);
   Send(&writer, "early");
   loop_.Shutdown();
   EXPECT_EQ(loop_.Run(&recorder_, 20), kErrorSuccess);

@@ -29,16 +29,6 @@ class PipeTest : public testing::ScratchNameTest {
     ASSERT_EQ(OpenClient(client), kErrorSuccess);
     ASSERT_EQ(listener->Accept(server), kErrorSuccess);
   }
-
-  // Opens the pipe as a writing client, waiting while every instance is busy.
-  uint32_t OpenClient(PipeStream* stream) {
-    uint32_t error = kErrorPipeBusy;
-    for (int attempt = 0; attempt < 200 && error == kErrorPipeBusy; ++attempt) {
-      error = stream->Open(name(), false);
-      if (error == kErrorPipeBusy) WaitForPipe(name(), 100);
-    }
-    return error;
-  }
 };
 
 std::string ReadToEnd(PipeStream* stream, uint32_t chunk) {

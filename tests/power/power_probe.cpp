@@ -16,9 +16,10 @@ constexpr LRESULT kQueryDeny = 0x424D5144;
 
 int g_failures = 0;
 
-void Expect(bool ok, const char* what) {
+bool Expect(bool ok, const char* what) {
   std::printf("%s: %s\n", ok ? "ok" : "FAILED", what);
   if (!ok) ++g_failures;
+  return ok;
 }
 
 LRESULT Broadcast(HWND window, WPARAM event) {
@@ -35,8 +36,7 @@ int main() {
     window = FindWindowW(kWindow, nullptr);
     if (window == nullptr) Sleep(50);
   }
-  Expect(window != nullptr, "the broker's window \"Suspend/Resume Handler\" is there");
-  if (window == nullptr) return 1;
+  if (!Expect(window != nullptr, "the broker's window \"Suspend/Resume Handler\" is there")) return 1;
 
   // The window comes before the servers: the pipe may take a moment more.
   SkClient* client = nullptr;
@@ -45,8 +45,7 @@ int main() {
     result = SkConnectLocal(nullptr, nullptr, &client);
     if (result != SKR_SUCCESS) Sleep(50);
   }
-  Expect(result == SKR_SUCCESS, "connected over the pipe");
-  if (result != SKR_SUCCESS) return 1;
+  if (!Expect(result == SKR_SUCCESS, "connected over the pipe")) return 1;
   Expect(SkOpen(client, "LOOP/1") == SKR_SUCCESS, "opened LOOP/1");
   const uint32_t lock = 1, unlock = 2;
   Expect(SkIoctl(client, SK_PORT_LOCK, &lock, 4, nullptr, nullptr) == SKR_SUCCESS, "locked it");

@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <string>
 
+#include "platform/errors.h"
+#include "platform/pipe.h"
 #include "platform/thread.h"
 
 #ifndef _WIN32
@@ -39,6 +41,15 @@ class ScratchNameTest : public ::testing::Test {
   }
 
   const char16_t* name() const { return name_.c_str(); }
+  // Opens the pipe of this name as a writing client, waiting while every instance is busy.
+  uint32_t OpenClient(platform::PipeStream* stream) {
+    uint32_t error = platform::kErrorPipeBusy;
+    for (int attempt = 0; attempt < 200 && error == platform::kErrorPipeBusy; ++attempt) {
+      error = stream->Open(name(), false);
+      if (error == platform::kErrorPipeBusy) platform::WaitForPipe(name(), 100);
+    }
+    return error;
+  }
   // A path in the folder, as the system's calls take it.
   std::u16string PathOf(const std::filesystem::path& name) const { return (dir_ / name).u16string(); }
 
