@@ -11,10 +11,6 @@ constexpr uint32_t kPollMs = 20;
 
 }  // namespace
 
-std::string ReplyFrame(const Frame& request, uint32_t result, const std::string& tail) {
-  return RequestFrame(request.code, request.tag, DwordBytes(result) + tail);
-}
-
 ScriptedServer::ScriptedServer(Answer answer) : answer_(std::move(answer)) {
   if (platform::OpenTcpSocket(&listener_) != platform::kErrorSuccess ||
       platform::BindIpv4(listener_, kLoopback, 0) != platform::kErrorSuccess ||

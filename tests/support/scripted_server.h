@@ -39,6 +39,8 @@ class ScriptedServer {
 };
 
 // A reply frame as the service would build it: the request's code and tag, the result, then `tail`.
-std::string ReplyFrame(const Frame& request, uint32_t result, const std::string& tail = std::string());
+inline std::string ReplyFrame(const Frame& request, uint32_t result, const std::string& tail = std::string()) {
+  return RequestFrame(request.code, request.tag, DwordBytes(result) + tail);
+}
 
 }  // namespace orlenda::testing

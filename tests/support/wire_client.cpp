@@ -8,10 +8,6 @@
 namespace orlenda::testing {
 namespace {
 
-void Put32(std::string* out, uint32_t v) {
-  for (int i = 0; i < 4; ++i) out->push_back(static_cast<char>(v >> (8 * i)));
-}
-
 uint32_t Remaining(std::chrono::steady_clock::time_point deadline) {
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
   return left.count() > 0 ? static_cast<uint32_t>(left.count()) : 0;
@@ -27,41 +23,21 @@ uint32_t Get32(const std::string& bytes, std::size_t at) {
 
 uint32_t Frame::Word() const { return body.size() >= 4 ? Get32(body, 0) : 0; }
 
-std::string RequestFrame(uint32_t code, uint64_t tag, const std::string& body) {
-  std::string frame;
-  Put32(&frame, static_cast<uint32_t>(SK_FRAME_HEADER_SIZE + body.size()));
-  Put32(&frame, code);
-  Put32(&frame, static_cast<uint32_t>(tag));
-  Put32(&frame, static_cast<uint32_t>(tag >> 32));
-  return frame + body;
-}
-
 std::string DwordBytes(uint32_t value) {
-  std::string bytes;
-  Put32(&bytes, value);
+  std::string bytes(4, '\0');
+  for (int i = 0; i < 4; ++i) bytes[i] = static_cast<char>(value >> (8 * i));
   return bytes;
 }
 
-std::string LengthAs(std::string frame, uint32_t length) { return DwordBytes(length) + frame.substr(4); }
+std::string RequestFrame(uint32_t code, uint64_t tag, const std::string& body) {
+  return DwordBytes(static_cast<uint32_t>(SK_FRAME_HEADER_SIZE + body.size())) + DwordBytes(code) +
+         DwordBytes(static_cast<uint32_t>(tag)) + DwordBytes(static_cast<uint32_t>(tag >> 32)) + body;
+}
 
 std::string OpenFrame(uint64_t tag, const std::u16string& name) {
-  std::string body;
-  for (char16_t unit : name) {
-    body.push_back(static_cast<char>(unit & 0xFF));
-    body.push_back(static_cast<char>(unit >> 8));
-  }
-  body.append(2, '\0');
-  return RequestFrame(SK_FRAME_OPEN, tag, body);
-}
-
-std::string WriteFrame(uint64_t tag, const std::string& data) { return RequestFrame(SK_FRAME_WRITE, tag, data); }
-
-std::string IoctlFrame(uint64_t tag, uint32_t control, const std::string& input) {
-  return RequestFrame(SK_FRAME_IOCTL, tag, DwordBytes(control) + input);
-}
-
-std::string RegisterFrame(uint64_t tag, uint32_t event) {
-  return RequestFrame(SK_FRAME_REGISTER, tag, DwordBytes(event));
+  // UTF-16LE as this (little-endian) machine holds it, with the terminating NUL.
+  const std::string units(reinterpret_cast<const char*>(name.c_str()), (name.size() + 1) * 2);
+  return RequestFrame(SK_FRAME_OPEN, tag, units);
 }
 
 uint32_t WireClient::ConnectTcp(uint16_t port, const char* from) {

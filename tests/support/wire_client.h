@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/socket.h"
+#include "skein/protocol.h"
 
 namespace orlenda::testing {
 
@@ -24,12 +25,16 @@ struct Frame {
 // Frame builders: a request of `code` and `tag` carrying `body`.
 std::string RequestFrame(uint32_t code, uint64_t tag, const std::string& body = std::string());
 std::string OpenFrame(uint64_t tag, const std::u16string& name);
-std::string WriteFrame(uint64_t tag, const std::string& data);
-std::string IoctlFrame(uint64_t tag, uint32_t control, const std::string& input = std::string());
-std::string RegisterFrame(uint64_t tag, uint32_t event);
 std::string DwordBytes(uint32_t value);
+inline std::string WriteFrame(uint64_t tag, const std::string& data) { return RequestFrame(SK_FRAME_WRITE, tag, data); }
+inline std::string IoctlFrame(uint64_t tag, uint32_t control, const std::string& input = std::string()) {
+  return RequestFrame(SK_FRAME_IOCTL, tag, DwordBytes(control) + input);
+}
+inline std::string RegisterFrame(uint64_t tag, uint32_t event) {
+  return RequestFrame(SK_FRAME_REGISTER, tag, DwordBytes(event));
+}
 // `frame` with its length field replaced by `length`.
-std::string LengthAs(std::string frame, uint32_t length);
+inline std::string LengthAs(std::string frame, uint32_t length) { return DwordBytes(length) + frame.substr(4); }
 // The little-endian u32 at `at` of `bytes`.
 uint32_t Get32(const std::string& bytes, std::size_t at);
 
