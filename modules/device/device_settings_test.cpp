@@ -22,7 +22,7 @@ constexpr char16_t kAbsentDevice[] = u"/nonexistent/ttyUSB9";
 TEST_F(DeviceTest, SettingsThatCannotWorkFailTheOpenAndAnAbsentDeviceDoesNot) {
   struct Case {
     const char16_t* port;
-    std::vector<std::pair<const char16_t*, std::u16string>> settings;
+    Settings settings;
     uint32_t result;
   };
   const Case cases[] = {

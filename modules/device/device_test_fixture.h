@@ -24,6 +24,9 @@ namespace orlenda::device_testing {
 
 using port_testing::Text;
 
+// A port's settings: names and their values.
+using Settings = std::vector<std::pair<const char16_t*, std::u16string>>;
+
 // Every wait of these tests: long enough for a loaded machine, short enough to end a broken run.
 constexpr auto kBound = std::chrono::seconds(15);
 
@@ -131,7 +134,7 @@ class DeviceTest : public port_testing::StoreTest {
   }
 
   // Stores the settings of `port` ("<stack>/<member>") as strings.
-  static void Configure(const std::u16string& port, const std::vector<std::pair<const char16_t*, std::u16string>>& settings) {
+  static void Configure(const std::u16string& port, const Settings& settings) {
     for (const auto& s : settings) {
       ASSERT_TRUE(port_testing::SetProperty(WString(port.c_str()) + u"/" + s.first, WString(s.second.c_str())));
     }

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -86,9 +87,7 @@ class SerialTest : public DeviceTest {
     link_ = folder_ + "/printer";
   }
   void TearDown() override {
-    unlink(link_.c_str());
-    unlink((link_ + ".new").c_str());
-    rmdir(folder_.c_str());
+    std::filesystem::remove_all(folder_);
     DeviceTest::TearDown();
   }
 
@@ -100,16 +99,13 @@ class SerialTest : public DeviceTest {
     ASSERT_EQ(rename(next.c_str(), link_.c_str()), 0);
   }
 
-  void ConfigureSerial(std::vector<std::pair<const char16_t*, std::u16string>> settings = {},
-                       const char16_t* port = kPort) {
+  void ConfigureSerial(Settings settings = {}, const char16_t* port = kPort) {
     settings.push_back({u"SERIAL_DEVICE", std::u16string(link_.begin(), link_.end())});
     settings.push_back({u"SERIAL_RECONNECT_INTERVAL", u"100"});
     Configure(port, settings);
   }
   // The port, configured with `settings` on `pty` behind the link, opened by `client` and online.
-  void OpenOn(const Pty& pty, DeviceClient& client,
-              const std::vector<std::pair<const char16_t*, std::u16string>>& settings = {},
-              const char16_t* port = kPort) {
+  void OpenOn(const Pty& pty, DeviceClient& client, const Settings& settings = {}, const char16_t* port = kPort) {
     ASSERT_TRUE(pty.ok());
     LinkTo(pty.tty());
     ConfigureSerial(settings, port);
@@ -123,7 +119,7 @@ class SerialTest : public DeviceTest {
 TEST_F(SerialTest, LineSettingsReachTheTtyInRawMode) {
   struct Case {
     const char16_t* port;
-    std::vector<std::pair<const char16_t*, std::u16string>> settings;
+    Settings settings;
     speed_t speed;
     tcflag_t cflags;  // of CSTOPB, CRTSCTS, CMSPAR
     tcflag_t iflags;  // of IXON, IXOFF

@@ -101,9 +101,6 @@ int main(int argc, char** argv) {
       return 2;
     }
   }
-  std::signal(SIGINT, OnSignal);
-  std::signal(SIGTERM, OnSignal);
-  std::signal(SIGUSR1, OnSignal);
-  std::signal(SIGUSR2, OnSignal);
+  for (int signal : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2}) std::signal(signal, OnSignal);
   return Serve(received, seconds > 0 ? seconds : 300);
 }

@@ -20,15 +20,14 @@ struct Case {
   std::vector<std::string> lines;  // each must be printed, in this order
 };
 
-class OrlendactlTest : public testing::ServedTest {
- protected:
-  // Runs orlendactl with `args`; its output lines (and error lines) in `out`.
-  int Run(const std::vector<std::string>& args, std::vector<std::string>* out) {
-    return orlendactl::Run(
-        args, [&](const std::string& line) { out->push_back(line); },
-        [&](const std::string& line) { out->push_back("error: " + line); });
-  }
-};
+using OrlendactlTest = testing::ServedTest;
+
+// Runs orlendactl with `args`; its output lines (and error lines) in `out`.
+int RunCtl(const std::vector<std::string>& args, std::vector<std::string>* out) {
+  return orlendactl::Run(
+      args, [&](const std::string& line) { out->push_back(line); },
+      [&](const std::string& line) { out->push_back("error: " + line); });
+}
 
 TEST_F(OrlendactlTest, StepsPrintTheirResultsAndWhatCameBack) {
   Serve(Transport::kTcp);
@@ -63,7 +62,7 @@ TEST_F(OrlendactlTest, StepsPrintTheirResultsAndWhatCameBack) {
       std::vector<std::string> args = via;
       args.insert(args.end(), c.args.begin(), c.args.end());
       std::vector<std::string> out;
-      const int status = Run(args, &out);
+      const int status = RunCtl(args, &out);
       std::string printed;
       for (const std::string& line : out) printed += line + "\n";
       EXPECT_EQ(status, c.status) << c.what << " via " << via[0] << ":\n" << printed;
@@ -79,7 +78,7 @@ TEST_F(OrlendactlTest, StepsPrintTheirResultsAndWhatCameBack) {
 TEST_F(OrlendactlTest, NoServiceMeansNoConnectionAndHelpNamesEveryStep) {
   std::vector<std::string> out;
   const std::string nobody = "127.0.0.1:" + std::to_string(testing::FreeTcpPort());
-  EXPECT_EQ(Run({"--tcp", nobody, "close"}, &out), orlendactl::kExitNoConnection);
+  EXPECT_EQ(RunCtl({"--tcp", nobody, "close"}, &out), orlendactl::kExitNoConnection);
   const std::string help = orlendactl::HelpText();
   for (const char* step : {"open NAME", "lock-wait", "write-file", "ioctl CODE", "watch", "ports", "add TYPE",
                            "delete", "set PORT", "settings-all", "apply", "get-data", "set-number", "setting NAME"}) {
