@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <filesystem>
@@ -89,12 +90,8 @@ class FakeSystem : public platform::ServiceSystem {
     return false;
   }
   bool AwaitState(uint32_t state) {
-    return Await([&] {
-      for (const ServiceStatus& s : statuses) {
-        if (s.current_state == state) return true;
-      }
-      return false;
-    });
+    const auto reported = [&](const ServiceStatus& s) { return s.current_state == state; };
+    return Await([&] { return std::any_of(statuses.begin(), statuses.end(), reported); });
   }
   // Start-pending, then stopped once with `exit_code`.
   void ExpectStoppedAtStart(uint32_t exit_code) {
