@@ -31,16 +31,14 @@ class Pty {
     master_ = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (master_ >= 0 && grantpt(master_) == 0 && unlockpt(master_) == 0) tty_ = ptsname(master_);
   }
-  ~Pty() { Close(); }
+  ~Pty() {
+    if (master_ >= 0) close(master_);
+  }
   Pty(const Pty&) = delete;
   Pty& operator=(const Pty&) = delete;
 
   bool ok() const { return !tty_.empty(); }
   const std::string& tty() const { return tty_; }
-  void Close() {
-    if (master_ >= 0) close(master_);
-    master_ = -1;
-  }
 
   void Write(const std::string& bytes) {
     for (std::size_t at = 0; at < bytes.size();) {
@@ -232,7 +230,7 @@ TEST_F(SerialTest, ADeviceComesOnlineWhenItAppearsAndGoesOfflineOnceWhenUnplugge
 
   // Unplugged: the node goes away (the link dangles, so no other terminal is met), then the device.
   LinkTo(folder_ + "/gone");
-  first->Close();
+  first.reset();
   ASSERT_TRUE(client.WaitCount(SK_EVENT_DEVICE_OFFLINE, 2));
   const std::string reason = client.LastText(SK_EVENT_DEVICE_OFFLINE);
   EXPECT_EQ(reason.rfind(link_ + ": ", 0), 0u) << reason;

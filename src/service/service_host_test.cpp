@@ -119,16 +119,6 @@ uint32_t WaitForStop(ServiceHost& host) {
   return 0;
 }
 
-// Each report as {state, controls accepted, exit code, check point, wait hint}; all are of an own process.
-std::vector<std::array<uint32_t, 5>> Reports(const std::vector<ServiceStatus>& got) {
-  std::vector<std::array<uint32_t, 5>> reports;
-  for (const ServiceStatus& s : got) {
-    EXPECT_EQ(s.service_type, platform::kServiceOwnProcess);
-    reports.push_back({s.current_state, s.controls_accepted, s.win32_exit_code, s.check_point, s.wait_hint});
-  }
-  return reports;
-}
-
 TEST(ServiceHostTest, StatusReportsAndCheckPointsInOrder) {
   FakeSystem system;
   ServiceHost host(kIdentity, &WaitForStop, system);
@@ -137,11 +127,17 @@ TEST(ServiceHostTest, StatusReportsAndCheckPointsInOrder) {
   host.OnControl(4);  // interrogate: the state again
   host.OnControl(platform::kServiceControlStop);
   service.join();
+  // Each report as {state, controls accepted, exit code, check point, wait hint}; all of an own process.
+  std::vector<std::array<uint32_t, 5>> reports;
+  for (const ServiceStatus& s : system.statuses) {
+    EXPECT_EQ(s.service_type, platform::kServiceOwnProcess);
+    reports.push_back({s.current_state, s.controls_accepted, s.win32_exit_code, s.check_point, s.wait_hint});
+  }
   const std::vector<std::array<uint32_t, 5>> expected = {
       {platform::kServiceStartPending, 0, 0, 1, 3000}, {platform::kServiceRunning, 1, 0, 0, 0},
       {platform::kServiceRunning, 1, 0, 0, 0},         {platform::kServiceStopPending, 1, 0, 2, 0},
       {platform::kServiceStopped, 1, 0, 0, 0}};
-  EXPECT_EQ(Reports(system.statuses), expected);
+  EXPECT_EQ(reports, expected);
   EXPECT_TRUE(system.events.empty());
 }
 
