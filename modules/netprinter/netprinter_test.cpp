@@ -12,12 +12,6 @@ namespace {
 
 constexpr char16_t kPort[] = u"printer/p1";
 
-std::string Pattern(std::size_t size) {
-  std::string bytes(size, '\0');
-  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 131 + i / 251) & 0xFF);
-  return bytes;
-}
-
 class NetPrinterTest : public DeviceTest {
  protected:
   void ConfigurePrinter(uint32_t write_timeout_ms = 5000) {
@@ -102,7 +96,8 @@ TEST_F(NetPrinterTest, WritesGoOutWholeOrStopAtTheTimeoutSayingHowMuchWentOut) {
     ASSERT_EQ(client.Open(kPort), SKR_SUCCESS);
     ASSERT_TRUE(client.WaitOnline(true));
     if (!c.printer_reads) printer_.StopReading();
-    const std::string data = Pattern(c.size);
+    std::string data(c.size, '\0');
+    for (std::size_t i = 0; i < c.size; ++i) data[i] = static_cast<char>((i * 131 + i / 251) & 0xFF);
     uint32_t written = 0;
     EXPECT_EQ(client.Write(data, &written), c.result);
     EXPECT_TRUE(c.result == SKR_SUCCESS ? written == c.size : written < c.size) << written;

@@ -22,14 +22,7 @@
 namespace orlenda::platform {
 namespace {
 
-class PipeTest : public testing::ScratchNameTest {
- protected:
-  // One client connected to the listening pipe, and accepted.
-  void Connect(PipeListener* listener, PipeStream* client, PipeStream* server) {
-    ASSERT_EQ(OpenClient(client), kErrorSuccess);
-    ASSERT_EQ(listener->Accept(server), kErrorSuccess);
-  }
-};
+using PipeTest = testing::ScratchNameTest;
 
 std::string ReadToEnd(PipeStream* stream, uint32_t chunk) {
   std::string data;
@@ -121,9 +114,19 @@ TEST_F(PipeTest, OpenWithoutListenerFailsAndWaitLastsItsTimeout) {
   EXPECT_EQ(stream.Open(name(), false), kErrorFileNotFound);
 }
 
-TEST_F(PipeTest, ShutdownWakesAcceptHandsOutConnectedClientsAndStopsLaterOnes) {
+TEST_F(PipeTest, EitherEndClosingEndsTheStreamAndShutdownStopsAccepting) {
   PipeListener listener;
   ASSERT_EQ(listener.Listen(name(), PipeMode::kByte), kErrorSuccess);
+  // A write after the server closed fails without ending the process.
+  PipeStream client, server;
+  ASSERT_EQ(OpenClient(&client), kErrorSuccess);
+  ASSERT_EQ(listener.Accept(&server), kErrorSuccess);
+  server.Close();
+  uint32_t error = kErrorSuccess, written = 0;
+  for (int i = 0; i < 10 && error == kErrorSuccess; ++i) error = client.Write("lost", 4, &written);
+  EXPECT_TRUE(error == kErrorPipeNotConnected || error == kErrorNoData) << error;
+
+  // A shutdown wakes an Accept that waits.
   std::atomic<uint32_t> result{~0u};
   std::thread acceptor([&] {
     PipeStream stream;
@@ -135,41 +138,23 @@ TEST_F(PipeTest, ShutdownWakesAcceptHandsOutConnectedClientsAndStopsLaterOnes) {
   acceptor.join();
   EXPECT_EQ(result.load(), kErrorOperationAborted);
 
-  // A client that connected before the shutdown is still handed out, once.
+  // A client that connected before the shutdown is still handed out, once; its close ends the stream.
   PipeListener second;
-  PipeStream client, server, later;
+  PipeStream early, accepted, later;
   ASSERT_EQ(second.Listen(name(), PipeMode::kByte), kErrorSuccess);
-  ASSERT_EQ(OpenClient(&client), kErrorSuccess);
+  ASSERT_EQ(OpenClient(&early), kErrorSuccess);
   second.Shutdown();
-  ASSERT_EQ(second.Accept(&server), kErrorSuccess);
-  ASSERT_EQ(WriteAll(&client, "early"), kErrorSuccess);
-  client.Close();
-  EXPECT_EQ(ReadToEnd(&server, 64), "early");
-  EXPECT_EQ(second.Accept(&later), kErrorOperationAborted);
-  EXPECT_FALSE(later.is_open());
-}
-
-TEST_F(PipeTest, EitherEndClosingEndsTheStream) {
-  PipeListener listener;
-  ASSERT_EQ(listener.Listen(name(), PipeMode::kByte), kErrorSuccess);
-  PipeStream client, server;
-  Connect(&listener, &client, &server);
-  ASSERT_EQ(WriteAll(&client, "abc"), kErrorSuccess);
-  client.Close();
-  EXPECT_FALSE(client.is_open());
-  EXPECT_EQ(ReadToEnd(&server, 64), "abc");
+  ASSERT_EQ(second.Accept(&accepted), kErrorSuccess);
+  ASSERT_EQ(WriteAll(&early, "early"), kErrorSuccess);
+  early.Close();
+  EXPECT_FALSE(early.is_open());
+  EXPECT_EQ(ReadToEnd(&accepted, 64), "early");
   uint32_t got = 99;
   char buffer[8];
-  EXPECT_EQ(server.Read(buffer, sizeof(buffer), &got), kErrorSuccess);  // and again: still the end
+  EXPECT_EQ(accepted.Read(buffer, sizeof(buffer), &got), kErrorSuccess);  // and again: still the end
   EXPECT_EQ(got, 0u);
-
-  // A write after the server closed fails without ending the process.
-  PipeStream client2, server2;
-  Connect(&listener, &client2, &server2);
-  server2.Close();
-  uint32_t error = kErrorSuccess, written = 0;
-  for (int i = 0; i < 10 && error == kErrorSuccess; ++i) error = client2.Write("lost", 4, &written);
-  EXPECT_TRUE(error == kErrorPipeNotConnected || error == kErrorNoData) << error;
+  EXPECT_EQ(second.Accept(&later), kErrorOperationAborted);
+  EXPECT_FALSE(later.is_open());
 }
 
 #ifndef _WIN32

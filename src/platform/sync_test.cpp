@@ -12,16 +12,6 @@
 namespace orlenda::platform {
 namespace {
 
-// Polls `done` for up to five seconds; the tests' guard against hanging on a broken event.
-template <typename F>
-bool Eventually(F done) {
-  for (int i = 0; i < 500; ++i) {
-    if (done()) return true;
-    SleepMs(10);
-  }
-  return done();
-}
-
 TEST(CriticalSectionTest, ReentersOnOwnerAndExcludesOthers) {
   CriticalSection cs;
   const auto other_enters = [&] {
@@ -109,7 +99,8 @@ TEST(EventTest, ManualReleasesEveryWaiterAndAutoExactlyOnePerSet) {
     for (int round = 1; round <= (manual ? 1 : kWaiters); ++round) {
       event.Set();
       const int expected = manual ? kWaiters : round;
-      ASSERT_TRUE(Eventually([&] { return released.load() >= expected; })) << "round " << round;
+      for (int i = 0; i < 500 && released.load() < expected; ++i) SleepMs(10);  // bounded: five seconds
+      ASSERT_GE(released.load(), expected) << "round " << round;
       SleepMs(30);  // give a wrongly woken waiter time to show up
       EXPECT_EQ(released.load(), expected);
     }
