@@ -211,7 +211,7 @@ ScriptedServer::Answer WithLength(uint32_t length) {
 }
 
 const Misbehaviour kMisbehaviours[] = {
-    {"silent past the keep-alive", [](const Frame&) { return std::string(); }, SKC_CONNECTION_LOST, SKC_CONNECTION_LOST},
+    {"silent past the keep-alive", [](const Frame&) { return ""; }, SKC_CONNECTION_LOST, SKC_CONNECTION_LOST},
     {"hangs up", [](const Frame&) { return std::string(kHangUp); }, SKC_CONNECTION_LOST, SKC_CONNECTION_LOST},
     {"length 1", WithLength(1), SKC_PROTOCOL_ERROR, SKC_PROTOCOL_ERROR},
     {"length 15", WithLength(15), SKC_PROTOCOL_ERROR, SKC_PROTOCOL_ERROR},

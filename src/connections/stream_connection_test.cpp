@@ -67,8 +67,7 @@ TEST_F(StreamTest, RequestsAreAnsweredWithTheirCodeTagAndSize) {
     std::size_t reply_size;
     std::string tail;  // the bytes after the result
   };
-  const std::string over =
-      LengthAs(RequestFrame(SK_FRAME_WRITE, 11), SK_FRAME_MAX_SIZE + 1) + std::string(SK_FRAME_MAX_SIZE + 1 - 16, 'o');
+  const std::string over = RequestFrame(SK_FRAME_WRITE, 11, std::string(SK_FRAME_MAX_SIZE + 1 - 16, 'o'));
   const Step steps[] = {
       {OpenFrame(1, u"loop/dev1"), SKR_SUCCESS, 20, ""},
       {RegisterFrame(2, kLoopbackData), SKR_SUCCESS, 20, ""},
