@@ -27,13 +27,9 @@ class PeerPort {
     DCB dcb{};
     dcb.DCBlength = sizeof dcb;
     COMMTIMEOUTS immediate{MAXDWORD, 0, 0, 0, 0};  // a read returns what is there at once
-    ok_ = handle_ != INVALID_HANDLE_VALUE && GetCommState(handle_, &dcb);
-    dcb.BaudRate = 9600;
-    dcb.ByteSize = 8;
-    dcb.Parity = NOPARITY;
-    dcb.StopBits = ONESTOPBIT;
-    dcb.fBinary = TRUE;
-    ok_ = ok_ && SetCommState(handle_, &dcb) && SetCommTimeouts(handle_, &immediate);
+    ok_ = handle_ != INVALID_HANDLE_VALUE && GetCommState(handle_, &dcb) &&  // binary mode, as always
+          BuildCommDCBA("baud=9600 parity=N data=8 stop=1", &dcb) && SetCommState(handle_, &dcb) &&
+          SetCommTimeouts(handle_, &immediate);
   }
   ~PeerPort() {
     if (handle_ != INVALID_HANDLE_VALUE) CloseHandle(handle_);
