@@ -1,54 +1,46 @@
 /* test_component: a component module for the tests, steered and observed through the service's
- * properties (the host table).
- *
- * Its name is its own file's bare name without extension ("test_component", "test_a", ...), so
- * several copies of this one module can stand in one stack. Settings, read through the host table:
- *
- *   /testmodule/<name>/refuseInit  number; 1: InitializeSkeinComponent returns 0
- *   /testmodule/<name>/entries     number; bit mask of the entries filled (1 Open, 2 Close,
- *                                  4 Write, 8 Ioctl, 16 event sink); all five when missing
- *   /testmodule/<name>/openResult  number returned by Open (0 when missing); read inside Open
- *   /testmodule/<name>/quiet       number; 1: calls on ports opened from now on are not recorded
- *   /testmodule/<name>/writeDelayMs  number; every Write on ports opened from now on first sleeps
- *                                  that long (a slow device)
- *
- * Every call is appended as "<name>:<op>:<port>;" to the string property "/testmodule/calls" (ops:
- * init, open, close, write, ioctl, event, unload; init and unload carry port 0).
- *
- *   Open     keeps the layer table for the port (unless openResult is nonzero).
- *   Close    forgets the port and passes the Close to the layer below, as every layer of a stack
- *            must (the service closes only the top); an unknown port answers SKR_INVALID_HANDLE,
- *            and a port with a Write still in progress SKR_FAILED (the service must never close
- *            under a call).
- *   Write    passes the data to the layer below when there is one; otherwise drops it and reports
- *            every byte written.
- *   Ioctl    TEST_RAISE_EVENT (0x7FFF0001) with a DWORD event identifier raises that event to the
- *            layer above, carrying a blob with this module's name (ASCII, no terminator); the
- *            result is 0 and there is no output (SKR_INVALID_SIZE without a DWORD).
- *            TEST_HOLD_WRITES (0x1FFF0003) with a DWORD port number holds every Write of that port
- *            before it does anything, until the same request with 0 lets them go; a Write held
- *            for over 30 s gives up with SKR_SYSTEM_ERROR. TEST_HELD_WRITES (0x1FFF0006) answers a
- *            DWORD: how many Writes are held now. Both act on the module as a whole, whatever
- *            port they are sent to.
- *            TEST_ENUMERATE (0x1FFF0004) with a UTF-16 port path (no terminator) calls the host's
- *            EnumeratePort for that path with the value "probe" from inside this Ioctl;
- *            TEST_ENUMERATE_ON_THREAD (0x1FFF0005) does the same on a thread of the module's own
- *            and waits for it. Both answer a DWORD: EnumeratePort's result.
- *            Other codes go to the layer below, or answer SKR_INVALID_PARAMETER at the bottom.
- *   event    events from below pass up unchanged.
- * An unknown port answers SKR_INVALID_HANDLE to Write and Ioctl.
- *
- * Built with TEST_COMPONENT_NO_EXPORT it exports nothing (test_noexport). */
+ * properties (the host table). Its name is its file's bare name ("test_component", "test_a", ...),
+ * so several copies can stand in one stack. Settings under /testmodule/<name>/, all numbers:
+ *   refuseInit    1: InitializeSkeinComponent returns 0
+ *   entries       bit mask of the entries filled (1 Open, 2 Close, 4 Write, 8 Ioctl, 16 Event); all when missing
+ *   openResult    what Open returns (0 when missing), read inside Open
+ *   quiet         1: calls on ports opened from now on are not recorded
+ *   writeDelayMs  every Write on ports opened from now on first sleeps that long (a slow device)
+ * Every call is appended as "<name>:<op>:<port>;" to the string "/testmodule/calls" (ops: init,
+ * open, close, write, ioctl, event, unload; init and unload carry port 0).
+ *   Open   keeps the layer table for the port (unless openResult is nonzero).
+ *   Close  forgets the port and passes the Close down, as every layer must (the service closes only
+ *          the top); SKR_FAILED when a Write of the port is still in progress.
+ *   Write  passes the data down, or at the bottom drops it and reports every byte written.
+ *   Ioctl  TEST_RAISE_EVENT with a DWORD event id raises that event upwards, carrying this module's
+ *          name (ASCII, no terminator); SKR_INVALID_SIZE without a DWORD.
+ *          TEST_HOLD_WRITES with a DWORD port number holds every Write of that port until the same
+ *          request with 0 (SKR_SYSTEM_ERROR after 30 s); TEST_HELD_WRITES answers how many Writes are
+ *          held. Both act on the whole module, whatever port they are sent to.
+ *          TEST_ENUMERATE with a UTF-16 port path calls the host's EnumeratePort for it with the value
+ *          "probe", inside this Ioctl (TEST_ENUMERATE_ON_THREAD: on a thread of its own, waited for);
+ *          the answer is EnumeratePort's result as a DWORD.
+ *          Other codes go down, or answer SKR_INVALID_PARAMETER at the bottom.
+ *   Event  passes events from below up unchanged.
+ * An unknown port answers SKR_INVALID_HANDLE. With TEST_COMPONENT_NO_EXPORT it lacks the entry
+ * point (test_noexport). */
 #ifndef _WIN32
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE /* dladdr */
 #endif
 #include <dlfcn.h>
 #endif
+#include <stdio.h>
 
 #include "module_lock.h"
 #include "skein/component.h"
 #include "test_gate.h"
+
+#ifdef TEST_COMPONENT_NO_EXPORT
+/* Exports something, only not the entry point: the host must still turn it away. */
+#define InitializeSkeinComponent TestComponentInitialize
+#define UnloadSkeinComponent TestComponentUnload
+#endif
 
 #define TEST_RAISE_EVENT 0x7FFF0001u
 #define TEST_HOLD_WRITES 0x1FFF0003u
@@ -58,7 +50,7 @@
 #define HOLD_LIMIT_MS 30000u
 #define ALL_ENTRIES 0x1Fu
 #define MAX_PORTS 64
-#define NAME_UNITS 128
+#define NAME_CHARS 64
 #define PATH_UNITS 256
 
 typedef struct TestPort {
@@ -71,103 +63,67 @@ typedef struct TestPort {
 } TestPort;
 
 static const SkHostTable* g_host;
-static uint16_t g_name[NAME_UNITS];
-static uint32_t g_name_length;
+static char g_name[NAME_CHARS]; /* test module names are ASCII */
 static TestPort g_ports[MAX_PORTS];
 
 /* The bare name of this module's file, without folder and extension. */
 static void FindOwnName(void) {
-  uint16_t path[PATH_UNITS];
-  uint32_t length = 0, start = 0, end, i;
+  char path[PATH_UNITS] = "";
+  const char *start = path, *end, *p;
 #ifdef _WIN32
   HMODULE self = NULL;
-  DWORD n;
-  if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                         (LPCWSTR)(void*)&FindOwnName, &self)) {
-    n = GetModuleFileNameW(self, (wchar_t*)path, PATH_UNITS);
-    if (n > 0 && n < PATH_UNITS) length = n;
+  if (GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                         (LPCSTR)(void*)&FindOwnName, &self)) {
+    DWORD n = GetModuleFileNameA(self, path, PATH_UNITS);
+    if (n >= PATH_UNITS) path[0] = 0;
   }
 #else
   Dl_info info;
   if (dladdr((void*)&FindOwnName, &info) != 0 && info.dli_fname != NULL) {
-    const unsigned char* s = (const unsigned char*)info.dli_fname;
-    /* Test file names are ASCII; anything else becomes '?'. */
-    for (; s[length] != 0 && length + 1 < PATH_UNITS; ++length) path[length] = s[length] < 0x80 ? s[length] : '?';
+    snprintf(path, PATH_UNITS, "%s", info.dli_fname);
   }
 #endif
-  for (i = 0; i < length; ++i) {
-    if (path[i] == '/' || path[i] == '\\') start = i + 1;
+  for (p = path; *p != 0; ++p) {
+    if (*p == '/' || *p == '\\') start = p + 1;
   }
-  end = length;
-  for (i = length; i > start; --i) {
-    if (path[i - 1] == '.') {
-      end = i - 1;
-      break;
-    }
-  }
-  g_name_length = 0;
-  for (i = start; i < end && g_name_length + 1 < NAME_UNITS; ++i) g_name[g_name_length++] = path[i];
+  end = strrchr(start, '.');
+  if (end == NULL) end = start + strlen(start);
+  snprintf(g_name, NAME_CHARS, "%.*s", (int)(end - start), start);
 }
 
-/* Text building in UTF-16 units. */
-typedef struct Text {
+/* ASCII text as a string the host frees. */
+static SkString* AsciiString(const char* text) {
   uint16_t units[PATH_UNITS];
-  uint32_t length;
-} Text;
-
-static void AddAscii(Text* t, const char* s) {
-  for (; *s != 0 && t->length < PATH_UNITS; ++s) t->units[t->length++] = (uint16_t)(unsigned char)*s;
-}
-
-static void AddName(Text* t) {
-  uint32_t i;
-  for (i = 0; i < g_name_length && t->length < PATH_UNITS; ++i) t->units[t->length++] = g_name[i];
-}
-
-static void AddNumber(Text* t, uint32_t value) {
-  char digits[11];
-  int n = 0;
-  do {
-    digits[n++] = (char)('0' + value % 10);
-    value /= 10;
-  } while (value != 0);
-  while (n > 0 && t->length < PATH_UNITS) t->units[t->length++] = (uint16_t)digits[--n];
-}
-
-/* "/testmodule/<name>/<setting>" as a string the host frees. */
-static SkString* SettingPath(const char* setting) {
-  Text t;
-  t.length = 0;
-  AddAscii(&t, "/testmodule/");
-  AddName(&t);
-  AddAscii(&t, "/");
-  AddAscii(&t, setting);
-  return SkStringCreate(t.units, t.length);
+  uint32_t n;
+  for (n = 0; text[n] != 0 && n < PATH_UNITS; ++n) units[n] = (uint16_t)(unsigned char)text[n];
+  return SkStringCreate(units, n);
 }
 
 static uint32_t ReadSetting(const char* setting, uint32_t fallback) {
+  char path[PATH_UNITS];
   uint32_t value = 0;
-  SkString* path;
+  SkString* s;
   if (g_host == NULL || g_host->GetNumber == NULL) return fallback;
-  path = SettingPath(setting);
-  if (path == NULL) return fallback;
-  return g_host->GetNumber(path, &value) ? value : fallback;
+  snprintf(path, PATH_UNITS, "/testmodule/%s/%s", g_name, setting);
+  s = AsciiString(path);
+  return s != NULL && g_host->GetNumber(s, &value) ? value : fallback;
 }
 
-/* "/testmodule/calls" as a string the host frees. */
-static SkString* CallsPath(void) {
-  Text t;
-  t.length = 0;
-  AddAscii(&t, "/testmodule/calls");
-  return SkStringCreate(t.units, t.length);
+/* The port's slot, or NULL for an unknown port; the module lock must be held. */
+static TestPort* FindPort(uint32_t number) {
+  int i;
+  for (i = 0; i < MAX_PORTS; ++i) {
+    if (g_ports[i].used && g_ports[i].number == number) return &g_ports[i];
+  }
+  return NULL;
 }
 
 static int IsQuiet(uint32_t number) {
-  int i, quiet = 0;
+  TestPort* port;
+  int quiet;
   Lock();
-  for (i = 0; i < MAX_PORTS; ++i) {
-    if (g_ports[i].used && g_ports[i].number == number) quiet = g_ports[i].quiet;
-  }
+  port = FindPort(number);
+  quiet = port != NULL && port->quiet;
   Unlock();
   return quiet;
 }
@@ -175,37 +131,24 @@ static int IsQuiet(uint32_t number) {
 /* Appends "<name>:<op>:<port>;" to /testmodule/calls. The read and the write are two host calls:
  * the module lock keeps this module's own records from interleaving. */
 static void Record(const char* op, uint32_t port) {
-  SkString* path;
   SkString* old = NULL;
   SkString* value;
-  Text entry;
-  uint32_t old_length;
+  char entry[PATH_UNITS];
+  uint32_t old_length, length, i;
   if (g_host == NULL || g_host->GetString == NULL || g_host->SetString == NULL) return;
   if (port != 0 && IsQuiet(port)) return;
-  entry.length = 0;
-  AddName(&entry);
-  AddAscii(&entry, ":");
-  AddAscii(&entry, op);
-  AddAscii(&entry, ":");
-  AddNumber(&entry, port);
-  AddAscii(&entry, ";");
+  length = (uint32_t)snprintf(entry, PATH_UNITS, "%s:%s:%u;", g_name, op, (unsigned)port);
 
   Lock();
-  path = CallsPath();
-  if (path != NULL && !g_host->GetString(path, &old)) old = NULL;
+  if (!g_host->GetString(AsciiString("/testmodule/calls"), &old)) old = NULL;
   old_length = old != NULL ? old->length : 0;
-  value = (SkString*)SkHeapAlloc(offsetof(SkString, text) + (old_length + entry.length + 1) * sizeof(uint16_t));
+  value = (SkString*)SkHeapAlloc(offsetof(SkString, text) + (old_length + length + 1) * sizeof(uint16_t));
   if (value != NULL) {
-    value->length = old_length + entry.length;
+    value->length = old_length + length;
     if (old_length != 0) memcpy(value->text, old->text, old_length * sizeof(uint16_t));
-    memcpy(value->text + old_length, entry.units, entry.length * sizeof(uint16_t));
+    for (i = 0; i < length; ++i) value->text[old_length + i] = (uint16_t)(unsigned char)entry[i];
     value->text[value->length] = 0;
-    path = CallsPath();
-    if (path != NULL) {
-      g_host->SetString(path, value);
-    } else {
-      SkStringFree(value);
-    }
+    g_host->SetString(AsciiString("/testmodule/calls"), value);
   }
   SkStringFree(old);
   Unlock();
@@ -213,17 +156,12 @@ static void Record(const char* op, uint32_t port) {
 
 /* The port's layer table, copied under the lock; 0 for an unknown port. */
 static int FindLayers(uint32_t number, SkLayerTable* layers) {
-  int i, found = 0;
+  TestPort* port;
   Lock();
-  for (i = 0; i < MAX_PORTS; ++i) {
-    if (g_ports[i].used && g_ports[i].number == number) {
-      *layers = g_ports[i].layers;
-      found = 1;
-      break;
-    }
-  }
+  port = FindPort(number);
+  if (port != NULL) *layers = port->layers;
   Unlock();
-  return found;
+  return port != NULL;
 }
 
 static uint32_t SKEIN_CALL TestOpen(uint32_t number, SkString* path, const SkLayerTable* layers) {
@@ -256,16 +194,14 @@ static uint32_t SKEIN_CALL TestOpen(uint32_t number, SkString* path, const SkLay
 static uint32_t SKEIN_CALL TestClose(uint32_t number) {
   uint32_t result = SKR_INVALID_HANDLE;
   SkCloseFn below = NULL;
-  int i;
+  TestPort* port;
   Record("close", number);
   Lock();
-  for (i = 0; i < MAX_PORTS; ++i) {
-    if (g_ports[i].used && g_ports[i].number == number) {
-      g_ports[i].used = 0;
-      below = g_ports[i].layers.Close;
-      result = g_ports[i].writes_in_progress == 0 ? SKR_SUCCESS : SKR_FAILED;
-      break;
-    }
+  port = FindPort(number);
+  if (port != NULL) {
+    port->used = 0;
+    below = port->layers.Close;
+    result = port->writes_in_progress == 0 ? SKR_SUCCESS : SKR_FAILED;
   }
   Unlock();
   if (below != NULL) below(number);
@@ -274,15 +210,13 @@ static uint32_t SKEIN_CALL TestClose(uint32_t number) {
 
 /* Counts a Write of the port in or out; the port's write delay, or -1 for an unknown port. */
 static int64_t CountWrite(uint32_t number, int change) {
-  int i;
+  TestPort* port;
   int64_t delay = -1;
   Lock();
-  for (i = 0; i < MAX_PORTS; ++i) {
-    if (g_ports[i].used && g_ports[i].number == number) {
-      g_ports[i].writes_in_progress += change;
-      delay = g_ports[i].write_delay_ms;
-      break;
-    }
+  port = FindPort(number);
+  if (port != NULL) {
+    port->writes_in_progress += change;
+    delay = port->write_delay_ms;
   }
   Unlock();
   return delay;
@@ -325,14 +259,11 @@ static void Enumerate(void* arg) {
   const unsigned char* bytes = SkBlobData(e->path);
   uint16_t units[PATH_UNITS];
   uint32_t count = (uint32_t)(e->path->size / 2), i;
-  static const char probe[] = "probe";
-  uint16_t value[sizeof(probe) - 1];
   if (count > PATH_UNITS) count = PATH_UNITS;
   for (i = 0; i < count; ++i) units[i] = (uint16_t)(bytes[2 * i] | (bytes[2 * i + 1] << 8));
-  for (i = 0; i < sizeof(value) / sizeof(value[0]); ++i) value[i] = (uint16_t)probe[i];
   e->result = 0;
   if (g_host != NULL && g_host->EnumeratePort != NULL) {
-    e->result = g_host->EnumeratePort(SkStringCreate(units, count), SkStringCreate(value, sizeof(value) / 2));
+    e->result = g_host->EnumeratePort(SkStringCreate(units, count), AsciiString("probe"));
   }
 }
 
@@ -369,8 +300,7 @@ static int OwnRequest(uint32_t code, SkBlob* input, SkBlob** output, uint32_t* r
 
 static uint32_t SKEIN_CALL TestIoctl(uint32_t number, uint32_t code, SkBlob* input, SkBlob** output) {
   SkLayerTable layers;
-  uint32_t event;
-  uint32_t own_result;
+  uint32_t event, own_result;
   if (code == TEST_HOLD_WRITES || code == TEST_HELD_WRITES) {
     /* Requests to the module as a whole: any port number will do. */
     OwnRequest(code, input, output, &own_result);
@@ -391,12 +321,9 @@ static uint32_t SKEIN_CALL TestIoctl(uint32_t number, uint32_t code, SkBlob* inp
     int ok = SkDwordRead(input, &event);
     SkBlobRelease(input);
     if (!ok) return SKR_INVALID_SIZE;
-    data = SkBlobCreate(g_name_length);
+    data = SkBlobCreate(strlen(g_name));
     if (data == NULL) return SKR_OUT_OF_MEMORY;
-    {
-      uint32_t i;
-      for (i = 0; i < g_name_length; ++i) SkBlobData(data)[i] = (unsigned char)g_name[i];
-    }
+    memcpy(SkBlobData(data), g_name, strlen(g_name));
     if (layers.Event != NULL) {
       layers.Event(number, event, data);
     } else {
@@ -419,7 +346,6 @@ static void SKEIN_CALL TestEvent(uint32_t number, uint32_t event, SkBlob* data) 
   }
 }
 
-#ifndef TEST_COMPONENT_NO_EXPORT
 SKEIN_EXPORT int32_t SKEIN_CALL InitializeSkeinComponent(const SkHostTable* host, SkComponentTable* ops) {
   uint32_t entries;
   g_host = host;
@@ -446,15 +372,3 @@ SKEIN_EXPORT int32_t SKEIN_CALL UnloadSkeinComponent(void) {
   Unlock();
   return 1;
 }
-#else
-/* Exports something, only not the entry point: the host must still turn it away. */
-SKEIN_EXPORT int32_t SKEIN_CALL TestComponentFill(SkComponentTable* ops) {
-  FindOwnName();
-  ops->Open = TestOpen;
-  ops->Close = TestClose;
-  ops->Write = TestWrite;
-  ops->Ioctl = TestIoctl;
-  ops->Event = TestEvent;
-  return 1;
-}
-#endif

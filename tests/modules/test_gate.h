@@ -6,6 +6,12 @@
 
 #include <stdint.h>
 
+typedef void (*GateThreadFn)(void* arg);
+typedef struct GateThreadStart {
+  GateThreadFn fn;
+  void* arg;
+} GateThreadStart;
+
 #ifdef _WIN32
 #ifndef WIN32_LEAN_AND_MEAN
 #define WIN32_LEAN_AND_MEAN
@@ -22,11 +28,6 @@ static void GateSleepMs(uint32_t ms) { Sleep(ms); }
 static void GateWaitChange(uint32_t ms) { SleepConditionVariableSRW(&g_gate_changed, &g_gate_lock, ms, 0); }
 static uint32_t GateNowMs(void) { return GetTickCount(); }
 
-typedef void (*GateThreadFn)(void* arg);
-typedef struct GateThreadStart {
-  GateThreadFn fn;
-  void* arg;
-} GateThreadStart;
 static DWORD WINAPI GateThreadEntry(LPVOID p) {
   GateThreadStart* start = (GateThreadStart*)p;
   start->fn(start->arg);
@@ -76,11 +77,6 @@ static uint32_t GateNowMs(void) {
   return (uint32_t)(t.tv_sec * 1000u + t.tv_nsec / 1000000L);
 }
 
-typedef void (*GateThreadFn)(void* arg);
-typedef struct GateThreadStart {
-  GateThreadFn fn;
-  void* arg;
-} GateThreadStart;
 static void* GateThreadEntry(void* p) {
   GateThreadStart* start = (GateThreadStart*)p;
   start->fn(start->arg);
