@@ -41,18 +41,23 @@ class IsolationTest : public PortTest {
   // Starts `work` on a thread of its own, joined at the end of the test.
   void InBackground(std::function<void()> work) { background_.emplace_back(std::move(work)); }
 
-  // Waits until `count` Writes are held in the module.
-  static void AwaitHeldWrites(LocalConnection& member, uint32_t count) {
+  // Whether `condition` holds within the bound, looking every millisecond.
+  static bool Eventually(const std::function<bool()>& condition) {
     const auto deadline = std::chrono::steady_clock::now() + kBound;
-    for (;;) {
-      BlobRef output;
-      uint32_t held = 0;
-      ASSERT_EQ(member.Ioctl(kTestHeldWrites, BlobRef(), &output), SKR_SUCCESS);
-      ASSERT_TRUE(DwordBlobRead(output.get(), &held));
-      if (held == count) return;
-      ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the write never reached the device";
+    while (!condition() && std::chrono::steady_clock::now() < deadline) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+    return condition();
+  }
+
+  // Waits until `count` Writes are held in the module.
+  static void AwaitHeldWrites(LocalConnection& member, uint32_t count) {
+    EXPECT_TRUE(Eventually([&] {
+      BlobRef output;
+      uint32_t held = 0;
+      return member.Ioctl(kTestHeldWrites, BlobRef(), &output) == SKR_SUCCESS && DwordBlobRead(output.get(), &held) &&
+             held == count;
+    })) << "the write never reached the device";
   }
 
   // Runs `work`, which must not wait for the held device: past the bound the hold is let go and
@@ -95,12 +100,13 @@ class IsolationTest : public PortTest {
   std::vector<std::thread> background_;
 };
 
-TEST_F(IsolationTest, AHeldWriteDelaysNeitherOtherPortsNorOtherMembers) {
+TEST_F(IsolationTest, AHeldWriteDelaysNobodyElseAndTheLastCloseWaitsForItAlone) {
   LocalConnection writer;
   ASSERT_EQ(OpenName(writer, u"mixed/dev1"), SKR_SUCCESS);
   ASSERT_EQ(Lock(writer), SKR_SUCCESS);
   SetHold(writer.port_number());
   std::atomic<uint32_t> write_result{0xFFFFFFFFu};
+  std::atomic<uint32_t> close_result{0xFFFFFFFFu};
   InBackground([&] { write_result = WriteText(writer, "slow"); });
   AwaitHeldWrites(writer, 1);
 
@@ -114,32 +120,9 @@ TEST_F(IsolationTest, AHeldWriteDelaysNeitherOtherPortsNorOtherMembers) {
     EXPECT_EQ(member.Close(), SKR_SUCCESS);
   });
 
-  SetHold(0);
-  const auto deadline = std::chrono::steady_clock::now() + kBound;
-  while (write_result == 0xFFFFFFFFu && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  EXPECT_EQ(write_result, SKR_SUCCESS);
-  EXPECT_EQ(writer.Close(), SKR_SUCCESS);
-}
-
-TEST_F(IsolationTest, TheLastCloseWaitsForTheWriteInFlightAndForNothingElse) {
-  LocalConnection writer;
-  ASSERT_EQ(OpenName(writer, u"mixed/dev1"), SKR_SUCCESS);
-  ASSERT_EQ(Lock(writer), SKR_SUCCESS);
-  SetHold(writer.port_number());
-  std::atomic<uint32_t> write_result{0xFFFFFFFFu};
-  std::atomic<uint32_t> close_result{0xFFFFFFFFu};
-  InBackground([&] { write_result = WriteText(writer, "slow"); });
-  AwaitHeldWrites(writer, 1);
+  // The last Close takes the port out of the table before it waits for the write.
   InBackground([&] { close_result = writer.Close(); });
-  // The Close takes the port out of the table before it waits for the write.
-  const auto out_of_table = std::chrono::steady_clock::now() + kBound;
-  while (PortTable::Size() != 0 && std::chrono::steady_clock::now() < out_of_table) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  ASSERT_EQ(PortTable::Size(), 0u);
-
+  ASSERT_TRUE(Eventually([] { return PortTable::Size() == 0; }));
   WithoutWaitingForTheDevice([] {
     UseAnotherPort(u"loop/dev1");
     // The closing port's name opens anew, on a number of its own.
@@ -151,10 +134,7 @@ TEST_F(IsolationTest, TheLastCloseWaitsForTheWriteInFlightAndForNothingElse) {
   EXPECT_EQ(close_result, 0xFFFFFFFFu);  // still waiting for the write
 
   SetHold(0);
-  const auto deadline = std::chrono::steady_clock::now() + kBound;
-  while (close_result == 0xFFFFFFFFu && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
+  EXPECT_TRUE(Eventually([&] { return close_result != 0xFFFFFFFFu; }));
   EXPECT_EQ(write_result, SKR_SUCCESS);
   // The module answers a Close that overlaps one of its Writes with SKR_FAILED.
   EXPECT_EQ(close_result, SKR_SUCCESS);
@@ -198,21 +178,16 @@ TEST_F(IsolationTest, AComponentMayEnumerateItsOwnPortFromInsideAndFromItsThread
 }
 
 TEST_F(IsolationTest, ControlsWithoutAnOutputSlotStillGiveTheStackOne) {
-  struct Case {
-    const char16_t* port;
-    uint32_t code;
-    BlobRef input;
+  const std::pair<const char16_t*, uint32_t> cases[] = {
+      {u"loop/dev1", SK_LOCK_STATE},
+      {u"plain/dev1", kTestHeldWrites},
+      {u"mixed/dev1", SK_LOCK_STATE},
+      {u"mixed/dev1", kTestHeldWrites},
   };
-  const Case cases[] = {
-      {u"loop/dev1", SK_LOCK_STATE, BlobRef()},
-      {u"plain/dev1", kTestHeldWrites, BlobRef()},
-      {u"mixed/dev1", SK_LOCK_STATE, BlobRef()},
-      {u"mixed/dev1", kTestHeldWrites, BlobRef()},
-  };
-  for (const Case& c : cases) {
+  for (const auto& [port, code] : cases) {
     LocalConnection connection;
-    ASSERT_EQ(OpenName(connection, c.port), SKR_SUCCESS);
-    EXPECT_EQ(connection.Ioctl(c.code, c.input, nullptr), SKR_SUCCESS) << std::hex << c.code;
+    ASSERT_EQ(OpenName(connection, port), SKR_SUCCESS);
+    EXPECT_EQ(connection.Ioctl(code, BlobRef(), nullptr), SKR_SUCCESS) << std::hex << code;
     EXPECT_EQ(connection.Close(), SKR_SUCCESS);
   }
 }
