@@ -29,8 +29,6 @@ constexpr auto kGrantWait = std::chrono::seconds(60);
 constexpr auto kRunLimit = std::chrono::seconds(300);
 
 const char16_t* const kNames[kPorts] = {u"loop/dev1", u"loop/dev2", u"loop/dev3", u"mixed/dev1"};
-const char16_t* const kKeyedNames[kPorts] = {u"loop/dev1?key=", u"loop/dev2?key=", u"loop/dev3?key=",
-                                             u"mixed/dev1?key="};
 
 struct Holders {
   std::atomic<int> plain{0};
@@ -60,8 +58,8 @@ void Worker(Shared& shared, int index) {
 
   for (int round = 0; round < kRounds; ++round) {
     const int p = (index + round) % kPorts;
-    WString name(keyed ? kKeyedNames[p] : kNames[p]);
-    if (keyed) name += (index % 8 == 0) ? u"a" : u"b";
+    WString name(kNames[p]);
+    if (keyed) name += (index % 8 == 0) ? u"?key=a" : u"?key=b";
     uint32_t result = c.Open(&name);
     if (result != SKR_SUCCESS) {
       Fail(shared, "open", result);
