@@ -37,62 +37,53 @@ void ExpectFullyUnloaded() {
 
 // ---- Load and Unload ----
 
-TEST_F(ConfigurationTest, NoComponentsLoadsNothing) {
-  for (const bool group_exists : {true, false}) {
-    SCOPED_TRACE(group_exists ? "empty /components/" : "no configuration file");
-    testing::RemoveStoreFiles();
-    if (group_exists) {
-      CPropertyHandler store{WString(u"Orlenda.configuration")};
-      ASSERT_TRUE(store.SetString(u"/components/gone/filename", u"x"));
-      ASSERT_TRUE(store.Delete(u"/components/gone"));
-    }
-    LogCapture capture;
-    EXPECT_FALSE(CConfiguration::Load());
-    const std::vector<LogLine> lines = capture.Lines();
-    const int message = IndexOf(lines, u"No components configured in Orlenda.configuration");
-    EXPECT_GE(message, 0) << Dump(lines);
-    // The service's own version line follows the failure.
-    EXPECT_GT(IndexOfPrefix(lines, u"configuration_test"), message) << Dump(lines);
-    ExpectFullyUnloaded();
-    EXPECT_EQ(RecordedCalls(), u"");
-  }
-}
-
-TEST_F(ConfigurationTest, AComponentThatFailsUndoesTheOnesBeforeAndStopsThere) {
+// A Load that fails says why once, undoes what it loaded and stops there. The service's own version
+// line comes before the first component is tried, and after "no components".
+TEST_F(ConfigurationTest, AFailedLoadUndoesTheComponentsBeforeAndStopsThere) {
   const std::u16string connect = u"unable to connect to component test_b with filename ";
+  const std::u16string none = u"No components configured in Orlenda.configuration";
   const struct {
     const char* what;
-    WString file;            // empty: no "filename" property
+    int components;          // 0: no file, 1: an empty /components/, 3: test_a, test_b, test_c
+    WString file;            // test_b's; empty: no "filename" property
     const char16_t* refuse;  // property that makes test_b refuse, or null
     std::u16string message;
     const char16_t* calls;
   } cases[] = {
-      {"no filename", WString(), nullptr, u"filename property missing from component test_b",
+      {"no configuration file", 0, WString(), nullptr, none, u""},
+      {"empty /components/", 1, WString(), nullptr, none, u""},
+      {"no filename", 3, WString(), nullptr, u"filename property missing from component test_b",
        u"test_a:init:0;test_a:unload:0;"},
-      {"missing file", W(ORLENDA_TEST_MISSING_MODULE), nullptr, connect + ORLENDA_TEST_MISSING_MODULE,
+      {"missing file", 3, W(ORLENDA_TEST_MISSING_MODULE), nullptr, connect + ORLENDA_TEST_MISSING_MODULE,
        u"test_a:init:0;test_a:unload:0;"},
-      {"no entry point", W(ORLENDA_TEST_NOEXPORT_MODULE), nullptr, connect + ORLENDA_TEST_NOEXPORT_MODULE,
+      {"no entry point", 3, W(ORLENDA_TEST_NOEXPORT_MODULE), nullptr, connect + ORLENDA_TEST_NOEXPORT_MODULE,
        u"test_a:init:0;test_a:unload:0;"},
-      {"initialisation refused", W(ORLENDA_TEST_B_MODULE), u"/testmodule/test_b/refuseInit",
+      {"initialisation refused", 3, W(ORLENDA_TEST_B_MODULE), u"/testmodule/test_b/refuseInit",
        connect + ORLENDA_TEST_B_MODULE, u"test_a:init:0;test_b:init:0;test_a:unload:0;"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     testing::RemoveStoreFiles();
-    testing::WriteConfiguration(
-        {{u"test_a", W(ORLENDA_TEST_A_MODULE)}, {u"test_b", c.file}, {u"test_c", W(ORLENDA_TEST_C_MODULE)}});
+    if (c.components == 1) {
+      CPropertyHandler store{WString(u"Orlenda.configuration")};
+      ASSERT_TRUE(store.SetString(u"/components/gone/filename", u"x"));
+      ASSERT_TRUE(store.Delete(u"/components/gone"));
+    } else if (c.components == 3) {
+      testing::WriteConfiguration(
+          {{u"test_a", W(ORLENDA_TEST_A_MODULE)}, {u"test_b", c.file}, {u"test_c", W(ORLENDA_TEST_C_MODULE)}});
+    }
     if (c.refuse != nullptr) testing::SetNumberOnFile(c.refuse, 1);
     LogCapture capture;
     EXPECT_FALSE(CConfiguration::Load());
     const std::vector<LogLine> lines = capture.Lines();
     const int message = IndexOf(lines, c.message);
     EXPECT_GE(message, 0) << Dump(lines);
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](const LogLine& l) {
-                return l.text.rfind(u"unable to connect", 0) == 0 || l.text.rfind(u"filename property", 0) == 0;
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [&](const LogLine& l) {
+                return l.text == none || l.text.rfind(u"unable to connect", 0) == 0 ||
+                       l.text.rfind(u"filename property", 0) == 0;
               }), 1) << Dump(lines);
-    // The version of the service itself was reported before any component was tried.
     const int version = IndexOfPrefix(lines, u"configuration_test");
-    EXPECT_TRUE(version >= 0 && version < message) << Dump(lines);
+    EXPECT_TRUE(version >= 0 && (c.components == 3 ? version < message : version > message)) << Dump(lines);
     // test_a was loaded and undone; test_c was never tried.
     EXPECT_EQ(RecordedCalls(), c.calls);
     ExpectFullyUnloaded();
@@ -205,18 +196,6 @@ TEST_F(HostTableTest, BlobReferencesBalance) {
   EXPECT_EQ(read, nullptr);
   EXPECT_EQ(host_->GetBinary(S(u"/dev/a/none"), &read), 0);
   EXPECT_EQ(read, nullptr);
-}
-
-TEST_F(HostTableTest, EnumeratePortNeedsTheSwitch) {
-  // Off while "/EnumeratePort" is missing or 0, whatever the value.
-  EXPECT_EQ(host_->EnumeratePort(S(u"pos/dev1"), S(u"")), 0u);
-  EXPECT_EQ(host_->EnumeratePort(S(u"pos/dev1"), S(u"abc")), 0u);
-  EXPECT_NE(host_->SetNumber(S(u"/EnumeratePort"), 0), 0);
-  EXPECT_EQ(host_->EnumeratePort(S(u"pos/dev1"), S(u"")), 0u);
-  // On, an empty value asks nothing of the port.
-  EXPECT_NE(host_->SetNumber(S(u"/EnumeratePort"), 1), 0);
-  EXPECT_EQ(host_->EnumeratePort(S(u"pos/dev1"), S(u"")), 1u);
-  EXPECT_EQ(host_->EnumeratePort(S(u"pos/dev1"), nullptr), 1u);
 }
 
 // ---- The settings schema resource ----

@@ -119,6 +119,9 @@ class ConfigurationPortTest : public StoreTest {
   SkComponentTable table_{};
 };
 
+int g_notices = 0;
+void CountNotice() { ++g_notices; }
+
 TEST_F(ConfigurationPortTest, EntriesFindTheObjectByPortNumber) {
   SkComponentTable again{};
   EXPECT_EQ(OpenConfigurationPort(kPort, u"other", &again), SKR_INVALID_PARAMETER);  // number in use
@@ -137,11 +140,17 @@ TEST_F(ConfigurationPortTest, EntriesFindTheObjectByPortNumber) {
   }
   BlobRelease(input);
   EXPECT_EQ(Ioctl(0x12345678u, BlobRef(), &out), SKR_INVALID_PARAMETER);
+  // SK_CONFIG_APPLY tells the settings listener, when there is one, once.
+  g_notices = 0;
+  SetSettingsListener(&CountNotice);
   for (uint32_t code : {SK_PORT_LOCK, SK_CONFIG_APPLY, SK_CONFIG_REQUEST_11, SK_CONFIG_REQUEST_12}) {
     out = BlobRef();
     EXPECT_EQ(Ioctl(code, Wide(u"x"), &out), SKR_SUCCESS) << std::hex << code;
     EXPECT_FALSE(out);
   }
+  SetSettingsListener(nullptr);
+  EXPECT_EQ(Ioctl(SK_CONFIG_APPLY, BlobRef(), &out), SKR_SUCCESS);
+  EXPECT_EQ(g_notices, 1);
   uint32_t written = 5;
   EXPECT_EQ(table_.Write(kPort, ToSkBlob(TextBlob(u"data")), &written), SKR_INVALID_PARAMETER);
   EXPECT_EQ(written, 0u);
@@ -382,11 +391,14 @@ TEST_F(ConfigurationPortTest, EnumeratePortDrivesAPortOnlyWhenSwitchedOnAndGiven
   const auto switch_to = [](uint32_t on) {
     return CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.SetNumber(u"/EnumeratePort", on); });
   };
-  EXPECT_EQ(EnumeratePort(u"POS/dev1", u"value"), 0u);  // the switch is missing
-  ASSERT_TRUE(switch_to(0));
+  // Off while the switch is missing or 0, whatever the value; on, an empty value asks nothing.
   EXPECT_EQ(EnumeratePort(u"POS/dev1", u"value"), 0u);
+  EXPECT_EQ(EnumeratePort(u"POS/dev1", u""), 0u);
+  ASSERT_TRUE(switch_to(0));
+  EXPECT_EQ(EnumeratePort(u"POS/dev1", u""), 0u);
   ASSERT_TRUE(switch_to(1));
   EXPECT_EQ(EnumeratePort(u"POS/dev1", u""), 1u);
+  EXPECT_EQ(CConfiguration::host_table()->EnumeratePort(ToSkString(u"POS/dev1"), nullptr), 1u);
   EXPECT_EQ(ModuleCalls(), u"");  // nothing was opened
 
   // test_a above loopback: the lock passes, the value goes down and loopback refuses it, so there
@@ -401,22 +413,6 @@ TEST_F(ConfigurationPortTest, EnumeratePortDrivesAPortOnlyWhenSwitchedOnAndGiven
   // The configuration port takes the lock, the value as a port definition and the follow-up.
   EXPECT_EQ(EnumeratePort(u"config", Definition(nullptr)), 1u);
   EXPECT_EQ(GetProperty(u"NAVPRT002/PortName"), u"Kitchen");
-}
-
-// ---- SK_CONFIG_APPLY and the settings notice ----
-
-int g_notices = 0;
-void CountNotice() { ++g_notices; }
-
-TEST_F(ConfigurationPortTest, ApplyTellsTheSettingsListenerOnce) {
-  BlobRef out;
-  g_notices = 0;
-  EXPECT_EQ(Ioctl(SK_CONFIG_APPLY, BlobRef(), &out), SKR_SUCCESS);  // nobody listens
-  SetSettingsListener(&CountNotice);
-  EXPECT_EQ(Ioctl(SK_CONFIG_APPLY, BlobRef(), &out), SKR_SUCCESS);
-  SetSettingsListener(nullptr);
-  EXPECT_EQ(Ioctl(SK_CONFIG_APPLY, BlobRef(), &out), SKR_SUCCESS);
-  EXPECT_EQ(g_notices, 1);
 }
 
 }  // namespace
