@@ -23,6 +23,7 @@ namespace orlenda {
 namespace {
 
 using testing::Narrow;
+using testing::RecordedCalls;
 
 // Controls and events of the modules under test (documented in their sources).
 constexpr uint32_t kTestRaiseEvent = 0x7FFF0001;
@@ -76,9 +77,6 @@ class ComponentTest : public testing::ConfigurationFixture {
     testing::ClearRecordedCalls();
     TakeEvents();
   }
-  static void SetNumber(const char16_t* path, uint32_t value) { ASSERT_TRUE(testing::SetLoadedNumber(path, value)); }
-  static std::u16string Calls() { return testing::RecordedCalls(); }
-  static void ClearCalls() { testing::ClearRecordedCalls(); }
 
   const SkHostTable* host_ = CConfiguration::host_table();
 };
@@ -86,7 +84,7 @@ class ComponentTest : public testing::ConfigurationFixture {
 // ---- Loading ----
 
 TEST_F(ComponentTest, ModuleThatCannotConnectIsReleasedAndNotLoaded) {
-  SetNumber(u"/testmodule/test_component/refuseInit", 1);
+  ASSERT_TRUE(testing::SetLoadedNumber(u"/testmodule/test_component/refuseInit", 1));
   const struct {
     const char16_t* file;
     uint32_t version_lines;  // no log service runs, so each counts as lost
@@ -109,7 +107,7 @@ TEST_F(ComponentTest, ModuleThatCannotConnectIsReleasedAndNotLoaded) {
       EXPECT_EQ(component.Open(1, u"x/y", nullptr), SKR_INVALID_PARAMETER);
       component.Unload();
     }
-    EXPECT_EQ(Calls(), c.calls);
+    EXPECT_EQ(RecordedCalls(), c.calls);
   }
 }
 
@@ -151,7 +149,7 @@ TEST_F(ComponentTest, LoadedModuleRunsUntilUnloadWhichEmptiesTheTable) {
     EXPECT_EQ(component.Close(9), SKR_SUCCESS);
     EXPECT_EQ(component.Close(9), SKR_INVALID_HANDLE);  // the port was forgotten
     // The module reads its answer through the host table inside Open; a failed open keeps no port.
-    SetNumber(u"/testmodule/test_component/openResult", 0x80000123);
+    ASSERT_TRUE(testing::SetLoadedNumber(u"/testmodule/test_component/openResult", 0x80000123));
     EXPECT_EQ(component.Open(4, u"a/b", nullptr), 0x80000123u);
     EXPECT_EQ(component.Close(4), SKR_INVALID_HANDLE);
 
@@ -163,19 +161,19 @@ TEST_F(ComponentTest, LoadedModuleRunsUntilUnloadWhichEmptiesTheTable) {
     const std::u16string calls =
         u"test_component:init:0;test_component:open:9;test_component:close:9;test_component:close:9;"
         u"test_component:open:4;test_component:close:4;test_component:unload:0;";
-    EXPECT_EQ(Calls(), calls);
+    EXPECT_EQ(RecordedCalls(), calls);
     component.Unload();  // no second UnloadSkeinComponent
-    EXPECT_EQ(Calls(), calls);
+    EXPECT_EQ(RecordedCalls(), calls);
   }
   // Destroying a component still loaded unloads it.
-  ClearCalls();
+  testing::ClearRecordedCalls();
   { CComponent component(W(ORLENDA_TEST_COMPONENT_MODULE), host_); }
-  EXPECT_EQ(Calls(), u"test_component:init:0;test_component:unload:0;");
+  EXPECT_EQ(RecordedCalls(), u"test_component:init:0;test_component:unload:0;");
   EXPECT_FALSE(platform::IsModuleResident(ORLENDA_TEST_COMPONENT_MODULE));
 }
 
 TEST_F(ComponentTest, ModuleWithOnlyOpenAndCloseRejectsTheRestAndDropsTheirBlobs) {
-  SetNumber(u"/testmodule/test_component/entries", 3);
+  ASSERT_TRUE(testing::SetLoadedNumber(u"/testmodule/test_component/entries", 3));
   CComponent component(W(ORLENDA_TEST_COMPONENT_MODULE), host_);
   ASSERT_TRUE(component.IsLoaded());
   const SkComponentTable& t = component.table();
@@ -200,7 +198,7 @@ TEST_F(ComponentTest, ModuleWithOnlyOpenAndCloseRejectsTheRestAndDropsTheirBlobs
   component.Event(2, 0x1234, nullptr);
   EXPECT_EQ(Refs(mine.get()), 1u);
   EXPECT_EQ(component.Close(2), SKR_SUCCESS);
-  EXPECT_EQ(Calls(), u"test_component:init:0;test_component:open:2;test_component:close:2;");
+  EXPECT_EQ(RecordedCalls(), u"test_component:init:0;test_component:open:2;test_component:close:2;");
 }
 
 // ---- Wrappers ----

@@ -241,17 +241,6 @@ TEST_F(PortStackTest, NothingSelectedOpensNothing) {
   EXPECT_EQ(table.Open, nullptr);
 }
 
-TEST_F(PortStackTest, PathWithoutSlashIsTheConfigurationPort) {
-  // A stack named after the path must not be consulted.
-  for (const char16_t* path : {u"three", u"/three/"}) {
-    SkComponentTable table{};
-    ASSERT_EQ(OpenStack(1, path, &table), SKR_SUCCESS);
-    EXPECT_EQ(Recorded(), u"");
-    ASSERT_TRUE(table.Ioctl != nullptr && table.Close != nullptr);
-    EXPECT_EQ(table.Close(1), SKR_SUCCESS);
-  }
-}
-
 TEST_F(PortStackTest, ConcurrentOpensWhileTheHostTableIsInUse) {
   // Every Open of the test module calls the host table; opens on several threads and host-table
   // calls from this one run at the same time.
