@@ -35,6 +35,7 @@
 #include "connections/tcp_server.h"
 #include "echo_servers.h"
 #include "platform/socket.h"
+#include "scratch_folders.h"
 #include "settings/property_handler.h"
 #include "skein/client.hpp"
 #include "test_modules.h"
@@ -67,14 +68,6 @@ struct Target {
   const char* pipe = nullptr;
   std::function<std::string(int)> port_name;
 };
-
-void EnsureFolder(const char* variable) {
-  const char* set = std::getenv(variable);
-  if (set != nullptr && set[0] != '\0') return;
-  char dir[] = "/tmp/orlb-XXXXXX";
-  if (mkdtemp(dir) == nullptr) std::abort();
-  setenv(variable, dir, 1);
-}
 
 uint16_t FreePort() {
   platform::Socket probe;
@@ -269,8 +262,7 @@ void Row(const std::string& what, double broker, double echo, const char* unit, 
 }
 
 int Run(const Options& options, const char* self) {
-  EnsureFolder("ORLENDA_RUN_DIR");
-  EnsureFolder("ORLENDA_DATA_DIR");
+  bench::UseScratchFolders();
   std::unique_ptr<TCPServer> tcp;
   std::unique_ptr<CPipeServer> pipe;
   Target broker_tcp;

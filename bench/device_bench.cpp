@@ -23,6 +23,7 @@
 #include "netprinter/fake_printer.h"
 #include "ports/sk_connection.h"
 #include "running_broker.h"
+#include "scratch_folders.h"
 #include "settings/property_handler.h"
 #include "skein/client.hpp"
 #include "skein/devices.h"
@@ -34,14 +35,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using device_testing::FakePrinter;
 constexpr std::size_t kSize = 1u << 20;
-
-void EnsureFolder(const char* variable) {
-  const char* set = std::getenv(variable);
-  if (set != nullptr && set[0] != '\0') return;
-  char dir[] = "/tmp/orldev-XXXXXX";
-  if (mkdtemp(dir) == nullptr) std::abort();
-  setenv(variable, dir, 1);
-}
 
 bool Load(uint16_t printer_port) {
   {
@@ -196,8 +189,7 @@ std::pair<double, double> ThroughTheRunningBroker(FakePrinter& printer, const st
 }
 
 int Run(int runs) {
-  EnsureFolder("ORLENDA_RUN_DIR");
-  EnsureFolder("ORLENDA_DATA_DIR");
+  bench::UseScratchFolders();
   FakePrinter printer;
   if (!printer.listening() || !Load(printer.port())) {
     std::fprintf(stderr, "device_bench: cannot set up the printer or the configuration\n");

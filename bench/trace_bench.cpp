@@ -18,6 +18,7 @@
 #include "components/configuration.h"
 #include "logging/log.h"
 #include "ports/sk_connection.h"
+#include "scratch_folders.h"
 #include "settings/property_handler.h"
 #include "skein/protocol.h"
 #include "test_modules.h"
@@ -27,15 +28,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr int kRuns = 5;
-
-// A folder override from the environment, or a fresh temporary folder.
-void EnsureFolder(const char* variable) {
-  const char* set = std::getenv(variable);
-  if (set != nullptr && set[0] != '\0') return;
-  char dir[] = "/tmp/orlb-XXXXXX";
-  if (mkdtemp(dir) == nullptr) std::abort();
-  setenv(variable, dir, 1);
-}
 
 // Runs `body` `count` times per run and returns the best run's nanoseconds per call.
 template <class Body>
@@ -72,8 +64,7 @@ bool LoadLoopback() {
 }
 
 int Run(uint32_t writes) {
-  EnsureFolder("ORLENDA_RUN_DIR");
-  EnsureFolder("ORLENDA_DATA_DIR");
+  bench::UseScratchFolders();
   std::printf("log service %s\n", IsLogServiceRunning() ? "running" : "not running");
 
   char16_t text[kLogBufferChars];
