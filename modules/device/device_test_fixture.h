@@ -108,8 +108,11 @@ class DeviceClient {
     }
     return bytes;
   }
-  // The text of the last event `event`, or "" when none came.
+  // The text of the last event `event`, waiting (bounded) for one to come; "" when none came. The
+  // module publishes a state before it raises the event that tells of it, so a client that saw the
+  // state may not have the event yet.
   std::string LastText(uint32_t event) {
+    WaitCount(event, 1);
     std::string text;
     for (const auto& e : Events()) {
       if (e.event == event) text = EventText(e.data);

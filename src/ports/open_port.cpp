@@ -90,6 +90,24 @@ COpenPort::~COpenPort() {
   live_.fetch_sub(1, std::memory_order_acq_rel);
 }
 
+bool COpenPort::HoldEarlyEvent(uint32_t event, const BlobRef& data) {
+  platform::ScopedLock hold(early_lock_);
+  if (!holding_early_) return false;
+  if (early_.size() < kMaxEarlyEvents) early_.push_back({event, data});
+  return true;
+}
+
+bool COpenPort::TakeEarlyEvents(HeapVector<EarlyEvent>* batch) {
+  batch->clear();
+  platform::ScopedLock hold(early_lock_);
+  if (early_.empty()) {
+    holding_early_ = false;
+    return false;
+  }
+  batch->swap(early_);
+  return true;
+}
+
 void COpenPort::Release() {
   if (references_.fetch_sub(1, std::memory_order_acq_rel) == 1) HeapDelete(this);
 }

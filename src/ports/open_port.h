@@ -32,6 +32,10 @@
 //    which must not wait for this lock.
 //  - name, number, stack entry points: written while the port is opened, before it is published
 //    (`opening` cleared), and read-only afterwards.
+//  - early events: the events the stack raises while it opens (a device that comes online at
+//    once, on the module's own thread), under the early-events lock. They wait there, in order,
+//    until the opener has published the port, and then go to the members; events raised while
+//    they go out join the end of the line, so the order the stack raised them in holds.
 //  - suspended: a manual-reset event, set while the system is suspended.
 //
 // Lifetime: the port is reference counted. The port table holds one reference from the port's
@@ -48,8 +52,8 @@
 // under that lock) never leaves an entry behind.
 //
 // Lock order (whole port layer): a connection's open lock, the port-table lock, a port's lock-queue
-// lock, a port's members lock; the lookup lock, the removal lock and a connection's state lock are
-// leaves. The port-table lock is never held while a component is called or while anything waits
+// lock, a port's members lock; the lookup lock, the removal lock, the early-events lock and a
+// connection's state lock are leaves. The port-table lock is never held while a component is called or while anything waits
 // for one: a new port's stack is opened with the port reserved in the table but the lock left.
 // Busy is not a lock, and a walk makes no component call. The configuration lock is never held
 // while any of these is taken.
@@ -114,6 +118,17 @@ class COpenPort {
   template <class Tell>
   void ForEachMember(CSKConnection* except, Tell tell);
 
+  // Events raised while the port opens. HoldEarlyEvent keeps the event for later (true) until the
+  // held events have all gone out; past kMaxEarlyEvents it drops it (also true). TakeEarlyEvents
+  // moves the held events to `batch`; when there are none it ends the holding and returns false.
+  struct EarlyEvent {
+    uint32_t event;
+    BlobRef data;
+  };
+  static constexpr std::size_t kMaxEarlyEvents = 256;
+  bool HoldEarlyEvent(uint32_t event, const BlobRef& data);
+  bool TakeEarlyEvents(HeapVector<EarlyEvent>* batch);
+
   bool suspended() const { return suspended_.Wait(0); }
   void SetSuspended(bool on) { on ? suspended_.Set() : suspended_.Reset(); }
 
@@ -155,6 +170,10 @@ class COpenPort {
   uint32_t opener_ = 0;
   platform::Event opened_{platform::ResetMode::kManual, false};
   mutable platform::Event suspended_{platform::ResetMode::kManual, false};
+
+  platform::CriticalSection early_lock_;
+  HeapVector<EarlyEvent> early_;  // under early_lock_
+  bool holding_early_ = true;     // under early_lock_
 
   mutable platform::CriticalSection members_lock_;
   MemberList* members_ = nullptr;        // under members_lock_; never null after construction
@@ -255,8 +274,11 @@ class PortAccess {
   // SK_EVENT_LOCK_CHANGED from the stack.
   static void LockChanged(COpenPort* port);
 
-  // port_events.cpp: the event sink handed to the stack, and delivery to all members but one.
+  // port_events.cpp: the event sink handed to the stack, the delivery of the events it raised
+  // while the port opened (by the opener, once the port is published), and delivery to all
+  // members but one.
   static void SKEIN_CALL EventSink(uint32_t number, uint32_t event, SkBlob* data);
+  static void DeliverEarlyEvents(COpenPort* port);
   static void SendToOthers(COpenPort* port, CSKConnection* except, uint32_t event, const BlobRef& data);
 
   // port_router.cpp: every control code the port does not serve itself.

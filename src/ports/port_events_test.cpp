@@ -108,6 +108,28 @@ TEST_F(PortTest, PortOnlyEventsNeverReachClientsAndLockOnlyEventsOnlyHolders) {
   EXPECT_EQ(EventIds(bystander), std::vector<uint32_t>{0x20000007u});
 }
 
+// A device that comes online while its port opens raises its event before the port is published:
+// the event waits and reaches the opener once the open is done, and a failed open drops it.
+TEST_F(PortTest, EventsRaisedWhileThePortOpensReachTheOpener) {
+  ASSERT_TRUE(SetNumberProperty(u"/testmodule/test_component/openEvent", 0x00000005u));
+  LocalConnection opener, later;
+  opener.RegisterCallback(0x00000005u);
+  later.RegisterCallback(0x00000005u);
+  ASSERT_EQ(OpenName(opener, u"plain/dev1"), SKR_SUCCESS);
+  ASSERT_EQ(OpenName(later, u"plain/dev1"), SKR_SUCCESS);  // joins: the stack does not open again
+  const auto received = opener.TakeEvents();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0].event, 0x00000005u);
+  EXPECT_EQ(Text(received[0].data), "test_component");
+  EXPECT_TRUE(later.TakeEvents().empty());
+
+  ASSERT_TRUE(SetNumberProperty(u"/testmodule/test_component/openResult", SKR_SYSTEM_ERROR));
+  LocalConnection failed;
+  failed.RegisterCallback(0x00000005u);
+  EXPECT_EQ(OpenName(failed, u"plain/dev2"), SKR_SYSTEM_ERROR);
+  EXPECT_TRUE(failed.TakeEvents().empty());
+}
+
 TEST_F(PortTest, RegistrationsSurviveCloseAndEventsForAClosedPortAreDropped) {
   LocalConnection c;
   c.RegisterCallback(kLoopbackData);  // before any open

@@ -83,6 +83,14 @@ PortRef PortTable::Find(uint32_t number) {
   return PortRef::Adopt(found->second);
 }
 
+PortRef PortTable::FindReserved(uint32_t number) {
+  platform::ScopedLock hold(lookup_lock());
+  auto found = map().find(number);
+  if (found == map().end()) return PortRef();
+  found->second->AddRef();
+  return PortRef::Adopt(found->second);
+}
+
 bool PortTable::IsPublished(const COpenPort* port) {
   platform::ScopedLock hold(lookup_lock());
   auto found = map().find(port->number());
@@ -154,21 +162,28 @@ uint32_t PortTable::OpenByName(CSKConnection* connection, const WString& name, u
   table->Leave();
 
   // The stack opens with the number and the name reserved but no lock held, so that a slow device
-  // delays no other port. Lookups skip the port until it is published: events the stack raises
-  // while it opens find no port and are dropped.
+  // delays no other port. Lookups skip the port until it is published; the events the stack
+  // raises meanwhile wait in the port and go to its members (the opener among them) once it is.
   const uint32_t result = OpenStack(free_number, View(name), &port->stack_);
 
-  platform::ScopedLock hold(*table);
   {
-    platform::ScopedLock lookup(lookup_lock());
-    if (result != SKR_SUCCESS) map().erase(free_number);
-    port->opening_.store(false, std::memory_order_release);
+    platform::ScopedLock hold(*table);
+    {
+      platform::ScopedLock lookup(lookup_lock());
+      if (result != SKR_SUCCESS) map().erase(free_number);
+      port->opening_.store(false, std::memory_order_release);
+    }
+    port->opened_.Set();
   }
-  port->opened_.Set();
   if (result != SKR_SUCCESS) {
-    port->Release();
+    port->Release();  // with it the events that waited
     return result;
   }
+  // The table's reference may go with a Close of another member meanwhile: deliver under one of
+  // our own.
+  port->AddRef();
+  const PortRef published = PortRef::Adopt(port);
+  PortAccess::DeliverEarlyEvents(port);
   *number = free_number;
   return SKR_SUCCESS;
 }

@@ -49,8 +49,10 @@ class PortTable {
   static void CreateLock();
   static void DeleteLock();
 
-  // The port with this number and a reference to it, or an empty reference.
+  // The port with this number and a reference to it, or an empty reference. FindReserved also
+  // finds a port whose stack is still opening.
   static PortRef Find(uint32_t number);
+  static PortRef FindReserved(uint32_t number);
 
   // Opens `name` for `connection`: joins the open port of that exact name, or makes a new one with
   // the smallest free number and opens its stack. On success `*number` is the port's number.

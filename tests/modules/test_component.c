@@ -6,6 +6,7 @@
  *   openResult    what Open returns (0 when missing), read inside Open
  *   quiet         1: calls on ports opened from now on are not recorded
  *   writeDelayMs  every Write on ports opened from now on first sleeps that long (a slow device)
+ *   openEvent     an event id that Open raises upwards (as TEST_RAISE_EVENT does) first thing
  * Every call is appended as "<name>:<op>:<port>;" to the string "/testmodule/calls" (ops: init,
  * open, close, write, ioctl, event, unload; init and unload carry port 0).
  *   Open   keeps the layer table for the port (unless openResult is nonzero).
@@ -164,13 +165,28 @@ static int FindLayers(uint32_t number, SkLayerTable* layers) {
   return port != NULL;
 }
 
+/* Raises `event` to the layer above, with this module's name as its data. */
+static uint32_t RaiseUp(uint32_t number, uint32_t event, const SkLayerTable* layers) {
+  SkBlob* data = SkBlobCreate(strlen(g_name));
+  if (data == NULL) return SKR_OUT_OF_MEMORY;
+  memcpy(SkBlobData(data), g_name, strlen(g_name));
+  if (layers->Event != NULL) {
+    layers->Event(number, event, data);
+  } else {
+    SkBlobRelease(data);
+  }
+  return SKR_SUCCESS;
+}
+
 static uint32_t SKEIN_CALL TestOpen(uint32_t number, SkString* path, const SkLayerTable* layers) {
   uint32_t result;
   int quiet = ReadSetting("quiet", 0) == 1;
   uint32_t delay = ReadSetting("writeDelayMs", 0);
+  uint32_t open_event = ReadSetting("openEvent", 0);
   int i;
   SkStringFree(path);
   if (!quiet) Record("open", number);
+  if (open_event != 0 && layers != NULL) RaiseUp(number, open_event, layers);
   result = ReadSetting("openResult", SKR_SUCCESS);
   if (result != SKR_SUCCESS) return result;
   Lock();
@@ -317,19 +333,9 @@ static uint32_t SKEIN_CALL TestIoctl(uint32_t number, uint32_t code, SkBlob* inp
     return own_result;
   }
   if (code == TEST_RAISE_EVENT) {
-    SkBlob* data;
     int ok = SkDwordRead(input, &event);
     SkBlobRelease(input);
-    if (!ok) return SKR_INVALID_SIZE;
-    data = SkBlobCreate(strlen(g_name));
-    if (data == NULL) return SKR_OUT_OF_MEMORY;
-    memcpy(SkBlobData(data), g_name, strlen(g_name));
-    if (layers.Event != NULL) {
-      layers.Event(number, event, data);
-    } else {
-      SkBlobRelease(data);
-    }
-    return SKR_SUCCESS;
+    return ok ? RaiseUp(number, event, &layers) : SKR_INVALID_SIZE;
   }
   if (layers.Ioctl != NULL) return layers.Ioctl(number, code, input, output);
   SkBlobRelease(input);
