@@ -23,6 +23,7 @@ namespace orlenda::device_testing {
 namespace {
 
 constexpr char16_t kPort[] = u"serial/dev1";
+constexpr int kBoundMs = static_cast<int>(std::chrono::milliseconds(kBound).count());
 
 // The device side of a pseudo-terminal.
 class Pty {
@@ -47,8 +48,10 @@ class Pty {
       if (n < 0 && !Wait(POLLOUT, 1000)) return;
     }
   }
-  // Reads until `count` bytes came or nothing came for `quiet_ms` (within the tests' bound).
-  std::string Read(std::size_t count, int quiet_ms = 1000) {
+  // Reads until `count` bytes came or nothing came for `quiet_ms` (within the tests' bound). A
+  // short quiet time shows that nothing more comes; by default only the bound ends a read, so a
+  // loaded machine that starts the writer late does not cut it short.
+  std::string Read(std::size_t count, int quiet_ms = kBoundMs) {
     std::string bytes;
     char buffer[65536];
     const auto deadline = std::chrono::steady_clock::now() + kBound;
