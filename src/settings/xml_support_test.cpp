@@ -13,6 +13,7 @@
 #include "settings/xml_document.h"
 #include "settings/xml_escape.h"
 #include "settings/xml_file.h"
+#include "support/scratch_names.h"
 #include "support/store_files.h"
 
 namespace orlenda {
@@ -24,31 +25,25 @@ std::string U8(const WString& s) { return std::string(WideToUtf8(View(s)).c_str(
 // ---- escaping ---------------------------------------------------------------------------------
 
 TEST(XmlEscape, EscapeTable) {
+  constexpr uint32_t kKeep = kEscapeKeepReferences, kAttr = kEscapeAttribute;
   const struct {
     const char16_t* in;
     uint32_t flags;
     const char16_t* out;
   } cases[] = {
       {u"a<b>&c'd\"", 0, u"a&lt;b&gt;&amp;c'd\""},
-      {u"a<b>&c'd\"", kEscapeAttribute, u"a&lt;b&gt;&amp;c&apos;d&quot;"},
-      {u"\r\n\t\u00e9\u20ac", kEscapeAttribute, u"\r\n\t\u00e9\u20ac"},  // nothing else escaped
-      {u"", 0, u""},
-      {u"&amp;", 0, u"&amp;amp;"},
-      // Keeping references: an "&" that begins one stays, any other is escaped.
-      {u"&amp;", kEscapeKeepReferences, u"&amp;"},
-      {u"&#12;", kEscapeKeepReferences, u"&#12;"},
-      {u"&_:a-1.b;", kEscapeKeepReferences, u"&_:a-1.b;"},
-      {u"&\u00e9t\u00e9;", kEscapeKeepReferences, u"&\u00e9t\u00e9;"},
-      {u"& ", kEscapeKeepReferences, u"&amp; "},
-      {u"&;", kEscapeKeepReferences, u"&amp;;"},
-      {u"&a b;", kEscapeKeepReferences, u"&amp;a b;"},
-      {u"&-a;", kEscapeKeepReferences, u"&amp;-a;"},
-      {u"&1;", kEscapeKeepReferences, u"&amp;1;"},
-      {u"&abc", kEscapeKeepReferences, u"&amp;abc"},
-      {u"&", kEscapeKeepReferences, u"&amp;"},
-      {u"<&lt;'", kEscapeKeepReferences | kEscapeAttribute, u"&lt;&lt;&apos;"},
+      {u"a<b>&c'd\"", kAttr, u"a&lt;b&gt;&amp;c&apos;d&quot;"},
+      {u"\r\n\t\u00e9\u20ac", kAttr, u"\r\n\t\u00e9\u20ac"},  // nothing else escaped
+      {u"", 0, u""}, {u"&amp;", 0, u"&amp;amp;"}, {u"<&lt;'", kKeep | kAttr, u"&lt;&lt;&apos;"},
   };
   for (const auto& c : cases) EXPECT_EQ(EscapeXml(c.in, c.flags), W(c.out)) << U8(W(c.in));
+  // Keeping references: an "&" that begins one stays, any other is escaped.
+  for (const char16_t* kept : {u"&amp;", u"&#12;", u"&_:a-1.b;", u"&\u00e9t\u00e9;"}) {
+    EXPECT_EQ(EscapeXml(kept, kKeep), W(kept)) << U8(W(kept));
+  }
+  for (const char16_t* lone : {u"& ", u"&;", u"&a b;", u"&-a;", u"&1;", u"&abc", u"&"}) {
+    EXPECT_EQ(EscapeXml(lone, kKeep), u"&amp;" + W(lone + 1)) << U8(W(lone));
+  }
 }
 
 TEST(XmlEscape, UnescapeTable) {
@@ -61,25 +56,15 @@ TEST(XmlEscape, UnescapeTable) {
       {u"&#x1F600;", u"\U0001F600"},  // above U+FFFF: a surrogate pair
       {u"&#123456;", u"\U0001E240"},  // six digits are the most that fit before the ";"
       {u"&#xFFFF;", u"\uFFFF"},
-      // Left as they are.
-      {u"&#0;", u"&#0;"},
-      {u"&#;", u"&#;"},
-      {u"&foo;", u"&foo;"},
-      {u"&x65;", u"&x65;"},
-      {u"&LT;", u"&LT;"},
-      {u"&#12345678;", u"&#12345678;"},
-      {u"&#1234567;", u"&#1234567;"},
-      {u"&#xD800;", u"&#xD800;"},
-      {u"&#x110000;", u"&#x110000;"},
-      {u"&#12a;", u"&#12a;"},
-      {u"&#X41;", u"&#X41;"},
-      {u"&#65", u"&#65"},
-      {u"&am", u"&am"},
       // After a literal "&" decoding goes on with the very next character.
       {u"&&lt;", u"&<"},
       {u"&#&#65;", u"&#A"},
   };
   for (const auto& c : cases) EXPECT_EQ(UnescapeXml(c.in), W(c.out)) << U8(W(c.in));
+  for (const char16_t* kept : {u"&#0;", u"&#;", u"&foo;", u"&x65;", u"&LT;", u"&#12345678;", u"&#1234567;",
+                               u"&#xD800;", u"&#x110000;", u"&#12a;", u"&#X41;", u"&#65", u"&am"}) {
+    EXPECT_EQ(UnescapeXml(kept), W(kept));
+  }
   const WString text = u"if a<b && c>\"d\" then 'e' &#65; \u00e9\U0001F600";
   for (uint32_t flags : {0u, uint32_t{kEscapeAttribute}}) {
     EXPECT_EQ(UnescapeXml(View(EscapeXml(View(text), flags))), text) << flags;
@@ -112,13 +97,8 @@ TEST(Base64, KnownValuesAndLineBreaks) {
     std::string bytes;
     WString text;
   } cases[] = {
-      {"", u"\r\n"},
-      {"f", u"\r\nZg==\r\n"},
-      {"fo", u"\r\nZm8=\r\n"},
-      {"foo", u"\r\nZm9v"},
-      {"foob", u"\r\nZm9vYg==\r\n"},
-      {"foobar", u"\r\nZm9vYmFy"},
-      {"\xFB\xFF\xBF", u"\r\n+/+/"},
+      {"", u"\r\n"}, {"f", u"\r\nZg==\r\n"}, {"fo", u"\r\nZm8=\r\n"}, {"foo", u"\r\nZm9v"},
+      {"foob", u"\r\nZm9vYg==\r\n"}, {"foobar", u"\r\nZm9vYmFy"}, {"\xFB\xFF\xBF", u"\r\n+/+/"},
       {std::string(48, '\0'), u"\r\n" + line + u"\r\n"},
       {std::string(49, '\0'), u"\r\n" + line + u"\r\nAA==\r\n"},
       {std::string(50, '\0'), u"\r\n" + line + u"\r\nAAA=\r\n"},
@@ -159,19 +139,13 @@ TEST(Base64, DecodingIsLenientAndBounded) {
   } cases[] = {
       {u"\r\nZm9v\r\nYmFy\n", 16, "foobar"},
       {u"Zm\r\n9v", 16, "foo"},  // a break inside a group is skipped too
-      {u"Zg==", 16, "f"},
-      {u"Zm8=", 16, "fo"},
-      {u"====", 16, ""},
+      {u"Zg==", 16, "f"}, {u"Zm8=", 16, "fo"}, {u"====", 16, ""},
       // Characters outside the alphabet are zero bits, not errors.
-      {u"!!!!", 16, std::string(3, '\0')},
-      {u"Z\u00e9==", 16, "d"},
+      {u"!!!!", 16, std::string(3, '\0')}, {u"Z\u00e9==", 16, "d"},
       // A cut-off last group gives what its characters hold.
-      {u"Zm9vYg", 16, "foob"},
-      {u"Zm9vY", 16, "foo"},
+      {u"Zm9vYg", 16, "foob"}, {u"Zm9vY", 16, "foo"},
       // Only whole groups that fit are written; a padded one needs only its bytes.
-      {u"Zm9vYmFy", 5, "foo"},
-      {u"Zm9v", 2, ""},
-      {u"Zm9vYg==", 4, "foob"},
+      {u"Zm9vYmFy", 5, "foo"}, {u"Zm9v", 2, ""}, {u"Zm9vYg==", 4, "foob"},
   };
   for (const auto& c : cases) EXPECT_EQ(Decode(c.text, c.room), c.bytes) << U8(W(c.text));
   // The size query counts the text as given, line breaks included.
@@ -183,22 +157,11 @@ TEST(Base64, DecodingIsLenientAndBounded) {
 
 // ---- files ------------------------------------------------------------------------------------
 
-class XmlFileTest : public ::testing::Test {
+// A fresh folder for each test.
+class XmlFileTest : public testing::ScratchNameTest {
  protected:
-  void SetUp() override {
-    std::random_device rd;
-    for (int attempt = 0; attempt < 100 && dir_.empty(); ++attempt) {
-      auto candidate = std::filesystem::temp_directory_path() / ("orx" + std::to_string(rd() % 1000000));
-      if (std::filesystem::create_directory(candidate)) dir_ = candidate;
-    }
-    ASSERT_FALSE(dir_.empty());
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
-  }
   WString PathOf(const char* name) const {
-    std::u16string p = (dir_ / std::filesystem::u8path(name)).u16string();
+    const std::u16string p = ScratchNameTest::PathOf(std::filesystem::u8path(name));
     return WString(p.begin(), p.end());
   }
   std::string ReadBytes(const char* name) const { return testing::ReadBytes(dir_ / std::filesystem::u8path(name)); }
@@ -210,7 +173,6 @@ class XmlFileTest : public ::testing::Test {
     }
     return names;
   }
-  std::filesystem::path dir_;
 };
 
 constexpr uint32_t kOtherFlag = 0x100;
@@ -285,9 +247,7 @@ TEST_F(XmlFileTest, LoadFileAndLoadBytesReadAlike) {
     EXPECT_EQ(file_result, c.well_formed);
     EXPECT_EQ(from_file.GetReport(), W(c.report));
     EXPECT_EQ(from_file.flags(), c.flags | kOtherFlag);
-    if (c.text) {
-      EXPECT_EQ(from_file.GetText(), W(c.text));
-    }
+    if (c.text) EXPECT_EQ(from_file.GetText(), W(c.text));
     XmlDocument from_bytes;
     from_bytes.set_flags(kAllFlags);
     EXPECT_EQ(from_bytes.LoadBytes(reinterpret_cast<const uint8_t*>(c.bytes.data()), c.bytes.size()),
