@@ -247,7 +247,7 @@ TEST_F(XmlFileTest, LoadFileAndLoadBytesReadAlike) {
     EXPECT_EQ(file_result, c.well_formed);
     EXPECT_EQ(from_file.GetReport(), W(c.report));
     EXPECT_EQ(from_file.flags(), c.flags | kOtherFlag);
-    if (c.text) EXPECT_EQ(from_file.GetText(), W(c.text));
+    if (c.text) { EXPECT_EQ(from_file.GetText(), W(c.text)); }
     XmlDocument from_bytes;
     from_bytes.set_flags(kAllFlags);
     EXPECT_EQ(from_bytes.LoadBytes(reinterpret_cast<const uint8_t*>(c.bytes.data()), c.bytes.size()),
