@@ -59,12 +59,8 @@ void CheckIndex(const XmlDocument& doc) {
     } else {
       Check(doc.Links(links.parent).first_child == id, "a first sibling is its parent's first");
     }
-    if (links.next_sibling != 0) {
-      Check(doc.Links(links.next_sibling).prev_sibling == id, "sibling links agree");
-    }
-    if (links.first_child != 0) {
-      Check(doc.Links(links.first_child).parent == id, "a first child names its parent");
-    }
+    if (links.next_sibling != 0) Check(doc.Links(links.next_sibling).prev_sibling == id, "sibling links agree");
+    if (links.first_child != 0) Check(doc.Links(links.first_child).parent == id, "a first child names its parent");
   }
 }
 
@@ -105,31 +101,23 @@ void MoveTo(XmlDocument* doc, XmlDocument::ElementId target) {
 // Edits as the property store makes them, on the element the cursor is on: its attributes, new
 // elements inside it, one removed, its content replaced.
 void EditAt(XmlDocument* doc, bool well_formed) {
-  (void)doc->SetAttribute(u"fz", u"a<&>'\"b");
-  AfterEdit(*doc, well_formed);
-  (void)doc->SetAttribute(u"fz", u"");
-  AfterEdit(*doc, well_formed);
+  // Whether the edit was taken or refused, the index must still hold.
+  auto after = [&](bool) { AfterEdit(*doc, well_formed); };
+  after(doc->SetAttribute(u"fz", u"a<&>'\"b"));
+  after(doc->SetAttribute(u"fz", u""));
   if (doc->Descend()) {
-    (void)doc->AppendElement(u"added", u"x&y", 0);
-    AfterEdit(*doc, well_formed);
-    (void)doc->AppendElement(u"empty", WStringView(), kXmlAppendBlankBeforeSlash);
-    AfterEdit(*doc, well_formed);
-    (void)doc->InsertSubtree(u"<in a='1'><b/></in>");
-    AfterEdit(*doc, well_formed);
+    after(doc->AppendElement(u"added", u"x&y", 0));
+    after(doc->AppendElement(u"empty", WStringView(), kXmlAppendBlankBeforeSlash));
+    after(doc->InsertSubtree(u"<in a='1'><b/></in>"));
     doc->ResetMain();
-    if (doc->FindSibling(WStringView())) (void)doc->RemoveElement();
-    AfterEdit(*doc, well_formed);
+    after(doc->FindSibling(WStringView()) && doc->RemoveElement());
     doc->ResetMain();
-    if (doc->FindSibling(WStringView())) (void)doc->SetContent(u"<c/>text<d>e</d>");
-    AfterEdit(*doc, well_formed);
+    after(doc->FindSibling(WStringView()) && doc->SetContent(u"<c/>text<d>e</d>"));
     (void)doc->Ascend();
   }
   // A sibling behind it; at document level that would be a second root, which a well-formed
   // document must not get.
-  if (!well_formed || doc->parent_position() != 0) {
-    (void)doc->AppendElement(u"next", WStringView(), 0);
-    AfterEdit(*doc, well_formed);
-  }
+  if (!well_formed || doc->parent_position() != 0) after(doc->AppendElement(u"next", WStringView(), 0));
 }
 
 // The root (or the first element at document level), then the last element in document order,
@@ -180,43 +168,19 @@ void Exercise(WStringView text) {
 // UTF-8 decoded one byte at a time, the plain way, to hold the converter's fast paths to.
 WString ReferenceUtf8ToWide(const uint8_t* bytes, std::size_t size) {
   WString out;
-  std::size_t pos = 0;
-  while (pos < size) {
+  for (std::size_t pos = 0; pos < size;) {
     const uint8_t b = bytes[pos];
-    int more = -1;
-    uint8_t low = 0x80, high = 0xBF;
-    uint32_t cp = 0;
-    if (b < 0x80) {
-      more = 0;
-      cp = b;
-    } else if (b >= 0xC2 && b < 0xE0) {
-      more = 1;
-      cp = b & 0x1Fu;
-    } else if (b >= 0xE0 && b < 0xF0) {
-      more = 2;
-      cp = b & 0x0Fu;
-      if (b == 0xE0) low = 0xA0;
-      if (b == 0xED) high = 0x9F;
-    } else if (b >= 0xF0 && b <= 0xF4) {
-      more = 3;
-      cp = b & 0x07u;
-      if (b == 0xF0) low = 0x90;
-      if (b == 0xF4) high = 0x8F;
-    }
-    if (more < 0) {
-      out.push_back(0xFFFD);
-      ++pos;
-      continue;
-    }
+    // How many continuation bytes follow (-1: b cannot begin a sequence), and the bounds of the
+    // first one, which rule out overlong forms, surrogates and code points above U+10FFFF.
+    const int more = b < 0x80 ? 0 : b < 0xC2 ? -1 : b < 0xE0 ? 1 : b < 0xF0 ? 2 : b <= 0xF4 ? 3 : -1;
+    uint8_t low = b == 0xE0 ? 0xA0 : b == 0xF0 ? 0x90 : 0x80;
+    uint8_t high = b == 0xED ? 0x9F : b == 0xF4 ? 0x8F : 0xBF;
+    uint32_t cp = more == 0 ? b : b & (0x7Fu >> (more + 1));
     std::size_t taken = 1;
-    bool complete = true;
-    for (int i = 0; i < more; ++i, low = 0x80, high = 0xBF) {
-      if (pos + taken >= size || bytes[pos + taken] < low || bytes[pos + taken] > high) {
-        complete = false;
-        break;
-      }
-      cp = (cp << 6) | (bytes[pos + taken] & 0x3Fu);
-      ++taken;
+    bool complete = more >= 0;
+    for (int i = 0; complete && i < more; ++i, low = 0x80, high = 0xBF) {
+      complete = pos + taken < size && bytes[pos + taken] >= low && bytes[pos + taken] <= high;
+      if (complete) cp = (cp << 6) | (bytes[pos + taken++] & 0x3Fu);
     }
     if (!complete) {
       out.push_back(0xFFFD);

@@ -52,6 +52,12 @@ void ExpectSameAsReparse(const XmlDocument& doc, const std::string& step) {
   EXPECT_TRUE(TakeSnapshot(doc) == TakeSnapshot(fresh)) << step << ":\n" << U8(doc.GetText());
 }
 
+// An edit that must be taken, and the index after it.
+void ExpectEdit(const XmlDocument& doc, bool taken, const std::string& step) {
+  EXPECT_TRUE(taken) << step;
+  ExpectSameAsReparse(doc, step);
+}
+
 // ---- parse findings ---------------------------------------------------------------------------
 
 // Every prefix of one document, by ranges of prefix lengths that give the same report.
@@ -403,10 +409,8 @@ TEST(XmlEdit, ExtractSubtreeAndEditsOfOddEndTags) {
   for (const auto& c : odd_end_tags) {
     const std::string text = U8(W(c[0]));
     ASSERT_TRUE(doc.ParseText(c[0])) << U8(doc.GetReport());
-    ASSERT_TRUE(doc.FindSibling(c[1]) && doc.SetContent(u"<c/>")) << text;
-    ExpectSameAsReparse(doc, text + " content");
-    ASSERT_TRUE(doc.Descend() && doc.AppendElement(u"d", u"", 0));
-    ExpectSameAsReparse(doc, text + " append");
+    ExpectEdit(doc, doc.FindSibling(c[1]) && doc.SetContent(u"<c/>"), text + " content");
+    ExpectEdit(doc, doc.Descend() && doc.AppendElement(u"d", u"", 0), text + " append");
     EXPECT_TRUE(XmlDocument().ParseText(View(doc.GetText()))) << U8(doc.GetText());
   }
 }
@@ -421,21 +425,15 @@ TEST(XmlEdit, EditSequencesKeepIndexEqualToReparse) {
     for (int round = 0; round < 3; ++round) {
       doc.ResetAll();
       ASSERT_TRUE(doc.FindSibling(u"r") && doc.Descend());
-      ASSERT_TRUE(doc.AppendElement(u"n", u"v", 0));
-      ExpectSameAsReparse(doc, "append n");
-      ASSERT_TRUE(doc.SetAttribute(u"i", u"'" + WString(round + 1, u'x') + u"'"));
-      ExpectSameAsReparse(doc, "attribute i");
-      ASSERT_TRUE(doc.Descend() && doc.AppendElement(u"m", u"", round % 2 ? 4 : 0));
-      ExpectSameAsReparse(doc, "append m");
-      ASSERT_TRUE(doc.InsertSubtree(u"<s><t/></s>"));
-      ExpectSameAsReparse(doc, "insert s");
+      ExpectEdit(doc, doc.AppendElement(u"n", u"v", 0), "append n");
+      ExpectEdit(doc, doc.SetAttribute(u"i", u"'" + WString(round + 1, u'x') + u"'"), "attribute i");
+      ExpectEdit(doc, doc.Descend() && doc.AppendElement(u"m", u"", round % 2 ? 4 : 0), "append m");
+      ExpectEdit(doc, doc.InsertSubtree(u"<s><t/></s>"), "insert s");
       ASSERT_TRUE(doc.Ascend());
       doc.ResetMain();
-      ASSERT_TRUE(doc.FindSibling(u"") && doc.SetContent(u"<w/>text<w>&amp;</w>"));
-      ExpectSameAsReparse(doc, "content");
+      ExpectEdit(doc, doc.FindSibling(u"") && doc.SetContent(u"<w/>text<w>&amp;</w>"), "content");
       doc.ResetMain();
-      ASSERT_TRUE(doc.FindSibling(u"n") && doc.RemoveElement());
-      ExpectSameAsReparse(doc, "remove n");
+      ExpectEdit(doc, doc.FindSibling(u"n") && doc.RemoveElement(), "remove n");
     }
     EXPECT_TRUE(doc.ParseText(View(doc.GetText()))) << U8(doc.GetReport());
   }
@@ -451,29 +449,22 @@ TEST(XmlEdit, ElementsWithoutEndTag) {
     // The new element landed behind its parent's recorded end.
     XmlDocument doc;
     EXPECT_FALSE(doc.ParseText(u"<a> x"));
-    ASSERT_TRUE(doc.FindSibling(u"a") && doc.Descend() && doc.AppendElement(u"b", u"", 0));
+    ExpectEdit(doc, doc.FindSibling(u"a") && doc.Descend() && doc.AppendElement(u"b", u"", 0), "append inside");
     EXPECT_EQ(U8(doc.GetText()), "<a> x\r\n  <b/>\r\n");
     EXPECT_EQ(doc.ElementRange(doc.parent_position()).length, doc.GetText().size());
-    ExpectSameAsReparse(doc, "append into an open element");
-    ASSERT_TRUE(doc.SetAttribute(u"k", u"v") && doc.AppendElement(u"c", u"t", 0));
-    ExpectSameAsReparse(doc, "attribute and a sibling inside it");
-    ASSERT_TRUE(doc.RemoveElement());
-    ExpectSameAsReparse(doc, "remove the last child");
-    ASSERT_TRUE(doc.InsertSubtree(u"<s><t/></s>"));
-    ExpectSameAsReparse(doc, "insert a subtree");
-    ASSERT_TRUE(doc.Ascend() && doc.SetContent(u"<w/>"));
+    ExpectEdit(doc, doc.SetAttribute(u"k", u"v") && doc.AppendElement(u"c", u"t", 0), "attribute, sibling");
+    ExpectEdit(doc, doc.RemoveElement(), "remove the last child");
+    ExpectEdit(doc, doc.InsertSubtree(u"<s><t/></s>"), "insert a subtree");
+    ExpectEdit(doc, doc.Ascend() && doc.SetContent(u"<w/>"), "replace its content");
     EXPECT_EQ(U8(doc.GetText()), "<a><w/>");
-    ExpectSameAsReparse(doc, "replace its content");
   }
   // Open right behind its start tag: no empty-element tag to expand.
   for (const char16_t* text : {u"<a>", u"<r><a></r>"}) {
     XmlDocument doc;
     EXPECT_FALSE(doc.ParseText(text));
     ASSERT_TRUE(doc.FindSibling(u"/r/a") || doc.FindSibling(u"/a"));
-    ASSERT_TRUE(doc.Descend() && doc.AppendElement(u"b", u"", 0)) << U8(W(text));
-    ExpectSameAsReparse(doc, U8(W(text)) + " append");
-    ASSERT_TRUE(doc.Ascend() && doc.SetContent(u"x<c/>"));
-    ExpectSameAsReparse(doc, U8(W(text)) + " content");
+    ExpectEdit(doc, doc.Descend() && doc.AppendElement(u"b", u"", 0), U8(W(text)) + " append");
+    ExpectEdit(doc, doc.Ascend() && doc.SetContent(u"x<c/>"), U8(W(text)) + " content");
   }
 }
 
