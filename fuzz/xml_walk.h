@@ -90,15 +90,14 @@ inline std::size_t WalkAll(XmlDocument* doc, bool extract) {
 inline void FindByPaths(XmlDocument* doc) {
   doc->ResetAll();
   if (!doc->FindSibling(WStringView())) return;
-  XmlDocument::ElementId root = doc->main_position();
-  if (!doc->Descend()) return;
-  if (doc->FindSibling(WStringView())) {
-    WString path = doc->ElementPath(doc->main_position());
+  const WString root = doc->ElementName(doc->main_position());
+  if (doc->Descend() && doc->FindSibling(WStringView())) {
+    const WString path = doc->ElementPath(doc->main_position());
     doc->ResetAll();
     (void)doc->FindSibling(View(path));
   }
   doc->ResetAll();
-  (void)doc->FindSibling(View(doc->ElementName(root)));
+  (void)doc->FindSibling(View(root));
 }
 
 }  // namespace orlenda::fuzz
