@@ -123,8 +123,7 @@ TEST_F(PropertyStoreTest, ExportReplaceAndImportGroups) {
   ASSERT_TRUE(store.SetString(u"P/a", u"1"));
   ASSERT_TRUE(store.SetNumber(u"P/b", 2));
   ASSERT_TRUE(store.ExportGroup(u"P", &xml));
-  EXPECT_EQ(xml,
-            u"<xmlroot><property id=\"a\" type=\"string\" value=\"1\"/>"
+  EXPECT_EQ(xml, u"<xmlroot><property id=\"a\" type=\"string\" value=\"1\"/>"
             u"<property id=\"b\" type=\"number\" value=\"2\"/></xmlroot>");
 
   ASSERT_TRUE(store.ReplaceGroup(u"Q/R", View(xml)));

@@ -124,34 +124,28 @@ TEST(XmlParse, FindingsWithOffsets) {
       {u"<a><![CDATX[ ]]></a>", u"Incorrect ! tag at offset 3", false},
       {u"<a><!-x--></a>", u"Incorrect comment tag at offset 3", false},
       {u"<a><b></a>", u"End tag 'a' at offset 6 does not match start tag 'b' at offset 3", true},
-      {u"<a><b></c></b></a>", u"End tag 'c' at offset 6 does not match start tag 'b' at offset 3",
-       true},
+      {u"<a><b></c></b></a>", u"End tag 'c' at offset 6 does not match start tag 'b' at offset 3", true},
       {u"</x><a/>", u"No start tag for end tag 'x' at offset 0", true},
       // The end tag closes the nearest open element of its name, as it stands at that moment.
       {u"<a><b><a><c></b></a></a>",
        u"End tag 'b' at offset 12 does not match start tag 'c' at offset 9, "
-       u"No start tag for end tag 'a' at offset 20",
-       true},
+       u"No start tag for end tag 'a' at offset 20", true},
       {u"<a><b></x><c></c></y></a>",
        u"End tag 'x' at offset 6 does not match start tag 'b' at offset 3, "
        u"End tag 'y' at offset 17 does not match start tag 'b' at offset 3, "
-       u"End tag 'a' at offset 21 does not match start tag 'b' at offset 3",
-       true},
+       u"End tag 'a' at offset 21 does not match start tag 'b' at offset 3", true},
       {u"<a><b><a></x></a><a><c></a></b></a>",
        u"End tag 'x' at offset 9 does not match start tag 'a' at offset 6, "
-       u"End tag 'a' at offset 23 does not match start tag 'c' at offset 20",
-       true},
+       u"End tag 'a' at offset 23 does not match start tag 'c' at offset 20", true},
       {u"<a><b>", u"Element 'a' at offset 0 not ended, Element 'b' at offset 3 not ended", false},
-      {u"<a><!DOCTYPE", u"Doctype at offset 3 unterminated, Element 'a' at offset 0 not ended",
-       false},
+      {u"<a><!DOCTYPE", u"Doctype at offset 3 unterminated, Element 'a' at offset 0 not ended", false},
       {u"<!-- only a comment -->", u"No root element", false},
       {u"  text only  ", u"No root element", false},
       {u"<a/><b/>", u"Root element has sibling", false},
       {u"<a/><!-- c --><b></b>", u"Root element has sibling", false},
       // Accepted: ">" inside quotes, white space in end tags, a declaration with an internal
       // subset that holds ">", processing instructions, text and CDATA at any place.
-      {u"<?xml version='1.0'?><!DOCTYPE a [<!ENTITY x '>'>]><a q='>' r=\"/>\">x<![CDATA[<]]></a >",
-       u"", true},
+      {u"<?xml version='1.0'?><!DOCTYPE a [<!ENTITY x '>'>]><a q='>' r=\"/>\">x<![CDATA[<]]></a >", u"", true},
   };
   for (const auto& c : cases) {
     XmlDocument doc;
@@ -274,8 +268,7 @@ TEST(XmlAttributes, SetReplacesOrAppends) {
     const char16_t* value;
     const char16_t* edited;
   } cases[] = {
-      {u"<r x='1' y=\"2\" ><b/></r>", u"x", u"<\"&'>",
-       u"<r x=\"&lt;&quot;&amp;&apos;&gt;\" y=\"2\" ><b/></r>"},
+      {u"<r x='1' y=\"2\" ><b/></r>", u"x", u"<\"&'>", u"<r x=\"&lt;&quot;&amp;&apos;&gt;\" y=\"2\" ><b/></r>"},
       {u"<r x='1' y=\"2\" />", u"y", u"", u"<r x='1' y=\"\" />"},
       {u"<r x='1' />", u"z", u"new", u"<r x='1' z=\"new\" />"},
       {u"<r><b/></r>", u"k", u"v", u"<r k=\"v\"><b/></r>"},
@@ -337,8 +330,7 @@ TEST(XmlEdit, OneEdit) {
       {u"<r>\r\n\t<p/>\r\n</r>", u"/r/p/", Append, u"q", u"<r>\r\n\t<p>\r\n\t\t<q/>\r\n\t</p>\r\n</r>", u"/r/p/q"},
       {u"<?xml version=\"1.0\"?>", u"", Append, u"r", u"<?xml version=\"1.0\"?>\r\n<r/>", u"/r"},
       {u"<r><a/><b/></r>", u"/r/a", Append, u"n", u"<r><a/>\r\n<n/>\r\n<b/></r>", u"/r/n"},
-      {u"<r>\r\n  <q></q>\r\n</r>", u"/r/q/", Append, u"n", u"<r>\r\n  <q>\r\n    <n/>\r\n  </q>\r\n</r>",
-       u"/r/q/n"},
+      {u"<r>\r\n  <q></q>\r\n</r>", u"/r/q/", Append, u"n", u"<r>\r\n  <q>\r\n    <n/>\r\n  </q>\r\n</r>", u"/r/q/n"},
       // An element alone on its line takes the line with it; the one before it becomes the main one.
       {u"<r/>", u"", Remove, u"", nullptr, u""},
       {u"<r>\r\n  <p id=\"1\"/>\r\n  <q/>\r\n</r>", u"/r/p", Remove, u"", u"<r>\r\n  <q/>\r\n</r>", u""},

@@ -231,8 +231,7 @@ TEST_F(XmlFileTest, LoadFileAndLoadBytesReadAlike) {
     bool well_formed;
   } cases[] = {
       {"", u"", u"0 bytes to 0 wide chars, Empty document", 0, false},
-      {"\xEF\xBB\xBF", u"", u"UTF-8 BOM + 0 bytes to 0 wide chars, Empty document", kXmlFlagUtf8Bom,
-       false},
+      {"\xEF\xBB\xBF", u"", u"UTF-8 BOM + 0 bytes to 0 wide chars, Empty document", kXmlFlagUtf8Bom, false},
       {std::string("\xFF\xFE" "A\0B", 5), u"A", u"UTF-16LE BOM + 1 wide chars, No root element",
        kXmlFlagUtf16Bom, false},  // the odd byte is dropped
       {"<a>\xC3</a>", nullptr, u"8 bytes to 8 wide chars", 0, true},
