@@ -1,4 +1,4 @@
-// XmlDocument: parse findings, navigation, attributes, edits and their effect on the index.
+// XmlDocument: parse findings, navigation, attributes, edits and their effect on the index, the report.
 #include "settings/xml_document.h"
 
 #include <gtest/gtest.h>
@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "common/log_format.h"
 #include "support/xml_document_order.h"
 
 namespace orlenda {
@@ -71,31 +72,21 @@ TEST(XmlParse, EveryTruncatedPrefix) {
     WString report;
   };
   const std::vector<Row> rows = {
-      {0, 0, u"Empty document"},
-      {1, 1, u"tag at offset 0 unterminated, No root element"},
+      {0, 0, u"Empty document"}, {1, 1, u"tag at offset 0 unterminated, No root element"},
       {2, 20, u"Processing instruction at offset 0 unterminated, No root element"},
-      {21, 23, u"No root element"},
-      {24, 24, u"tag at offset 23 unterminated, No root element"},
-      {25, 31, u"Element tag at offset 23 unterminated, No root element"},
-      {32, 32, kA},
-      {33, 34, u"tag at offset 32 unterminated, " + kA},
-      {35, 41, u"Comment at offset 32 unterminated, " + kA},
-      {42, 42, kA},
-      {43, 43, u"tag at offset 42 unterminated, " + kA},
-      {44, 44, u"Element tag at offset 42 unterminated, " + kA},
-      {45, 51, kA + kB},
+      {21, 23, u"No root element"}, {24, 24, u"tag at offset 23 unterminated, No root element"},
+      {25, 31, u"Element tag at offset 23 unterminated, No root element"}, {32, 32, kA},
+      {33, 34, u"tag at offset 32 unterminated, " + kA}, {35, 41, u"Comment at offset 32 unterminated, " + kA},
+      {42, 42, kA}, {43, 43, u"tag at offset 42 unterminated, " + kA},
+      {44, 44, u"Element tag at offset 42 unterminated, " + kA}, {45, 51, kA + kB},
       {52, 52, u"tag at offset 51 unterminated, " + kA + kB},
-      {53, 54, u"Element end tag at offset 51 unterminated, " + kA + kB},
-      {55, 55, kA},
+      {53, 54, u"Element end tag at offset 51 unterminated, " + kA + kB}, {55, 55, kA},
       {56, 57, u"tag at offset 55 unterminated, " + kA},
-      {58, 67, u"CDATA Section at offset 55 unterminated, " + kA},
-      {68, 68, kA},
+      {58, 67, u"CDATA Section at offset 55 unterminated, " + kA}, {68, 68, kA},
       {69, 69, u"tag at offset 68 unterminated, " + kA},
-      {70, 71, u"Element tag at offset 68 unterminated, " + kA},
-      {72, 72, kA},
+      {70, 71, u"Element tag at offset 68 unterminated, " + kA}, {72, 72, kA},
       {73, 73, u"tag at offset 72 unterminated, " + kA},
-      {74, 75, u"Element end tag at offset 72 unterminated, " + kA},
-      {76, 76, u""},
+      {74, 75, u"Element end tag at offset 72 unterminated, " + kA}, {76, 76, u""},
   };
   ASSERT_EQ(doc.size(), 76u);
   std::size_t covered = 0;
@@ -550,6 +541,75 @@ TEST(XmlLoadBytes, PiecesOfALargeTextDecodeAsTheWhole) {
       }
     }
   }
+}
+
+// ---- the report ------------------------------------------------------------------------------
+
+// The report is formatted when it is first read: what it reads must not depend on when that is,
+// nor on the edits, copies and partial reads that come before it.
+// Edits a document that has elements: one gains an attribute and a sibling, one goes.
+void EditEverywhere(XmlDocument* doc) {
+  doc->ResetAll();
+  if (doc->FindSibling(u"")) {
+    EXPECT_TRUE(doc->SetAttribute(u"k", u"v"));
+    doc->AppendElement(u"n", u"", 0);
+  }
+  doc->ResetAll();
+  if (doc->FindSibling(u"")) {
+    EXPECT_TRUE(doc->RemoveElement());
+  }
+}
+
+TEST(XmlReport, ReadLaterReadsAsReadAtOnce) {
+  const WString long_name(66000, u'n');  // far longer than one phrase can show
+  const WString texts[] = {
+      u"<r><b></x></r>",
+      u"</x><r><a><1/><!x><!-x><![CDATX[",
+      u"<r><a><b></a><c></r>",
+      u"<" + long_name + u"></x></" + long_name + u"x>",
+      u"<a/><b/>",
+      u"",
+  };
+  for (const WString& text : texts) {
+    XmlDocument at_once;
+    at_once.ParseText(View(text));
+    const WString expected = at_once.GetReport();
+    XmlDocument later;
+    later.ParseText(View(text));
+    XmlDocument copy;
+    copy.CopyFrom(later);
+    EditEverywhere(&later);
+    for (std::size_t n : {std::size_t{0}, std::size_t{9}, expected.size(), expected.size() + 1}) {
+      EXPECT_EQ(U8(later.GetReportHead(n)), U8(expected.substr(0, n))) << n;
+    }
+    EXPECT_EQ(U8(later.GetReport()), U8(expected));
+    EXPECT_EQ(U8(later.GetReportHead(9)), U8(expected.substr(0, 9)));
+    EXPECT_EQ(U8(copy.GetReport()), U8(expected));
+  }
+  // A phrase is cut where the trace formatter cuts it, whichever name runs past the cut.
+  XmlDocument doc;
+  doc.ParseText(View(texts[3]));
+  const WString phrases[] = {u"End tag 'x' at offset 66002 does not match start tag '" + long_name,
+                             u"End tag '" + long_name, u"Element '" + long_name};
+  EXPECT_EQ(U8(doc.GetReport()), U8(phrases[0].substr(0, kLogTextMax) + u", " +
+                                    phrases[1].substr(0, kLogTextMax) + u", " +
+                                    phrases[2].substr(0, kLogTextMax)));
+}
+
+// A fragment that is refused names its own text, which the document never holds.
+TEST(XmlReport, RefusedFragmentsReportTheirOwnText) {
+  XmlDocument doc;
+  ASSERT_TRUE(doc.ParseText(u"<r><a/></r>"));
+  ASSERT_TRUE(doc.FindSibling(u"/r/a"));
+  EXPECT_FALSE(doc.InsertSubtree(u"<frag></x>"));
+  EditEverywhere(&doc);
+  EXPECT_EQ(U8(doc.GetReport()),
+            "End tag 'x' at offset 6 does not match start tag 'frag' at offset 0, "
+            "Element 'frag' at offset 0 not ended");
+  ASSERT_TRUE(doc.ParseText(u"<r><a/></r>") && doc.FindSibling(u"/r/a"));
+  EXPECT_FALSE(doc.SetContent(u"</stray>"));
+  EditEverywhere(&doc);
+  EXPECT_EQ(U8(doc.GetReport()), "No start tag for end tag 'stray' at offset 0");
 }
 
 }  // namespace
