@@ -18,16 +18,10 @@ namespace {
 
 // One scratch folder per fuzzing process, removed at exit.
 struct Scratch {
-  std::string dir;
-  std::string input;
-  std::string saved;
-
   Scratch() {
     const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp != nullptr && tmp[0] != 0 ? tmp : "/tmp") +
-                          "/orlenda-fuzz-XXXXXX";
-    if (mkdtemp(&pattern[0]) == nullptr) orlenda::fuzz::Fail("cannot create a scratch folder");
-    dir = pattern;
+    dir = std::string(tmp != nullptr && tmp[0] != 0 ? tmp : "/tmp") + "/orlenda-fuzz-XXXXXX";
+    if (mkdtemp(&dir[0]) == nullptr) orlenda::fuzz::Fail("cannot create a scratch folder");
     input = dir + "/input.xml";
     saved = dir + "/saved.xml";
   }
@@ -36,6 +30,7 @@ struct Scratch {
     std::remove(saved.c_str());
     rmdir(dir.c_str());
   }
+  std::string dir, input, saved;
 };
 
 orlenda::WString WidePath(const std::string& path) { return orlenda::Utf8ToWide(path); }
