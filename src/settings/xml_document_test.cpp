@@ -286,9 +286,7 @@ TEST(XmlAttributes, SetReplacesOrAppends) {
 
 using EditFn = bool (*)(XmlDocument*, const char16_t*);
 bool Append(XmlDocument* doc, const char16_t* name) { return doc->AppendElement(name, u"", 0); }
-bool AppendBlank(XmlDocument* doc, const char16_t* name) {
-  return doc->AppendElement(name, u"", kXmlAppendBlankBeforeSlash);
-}
+bool AppendBlank(XmlDocument* d, const char16_t* n) { return d->AppendElement(n, u"", kXmlAppendBlankBeforeSlash); }
 bool AppendData(XmlDocument* doc, const char16_t* data) { return doc->AppendElement(u"b", data, 0); }
 bool Remove(XmlDocument* doc, const char16_t*) { return doc->RemoveElement(); }
 bool Content(XmlDocument* doc, const char16_t* text) { return doc->SetContent(text); }

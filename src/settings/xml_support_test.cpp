@@ -168,7 +168,7 @@ class XmlFileTest : public testing::ScratchNameTest {
   void WriteBytes(const char* name, const std::string& bytes) const { testing::WriteBytes(dir_ / name, bytes); }
   std::vector<std::string> Names() const {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(dir_)) names.push_back(entry.path().filename().string());
+    for (const auto& e : std::filesystem::directory_iterator(dir_)) names.push_back(e.path().filename().string());
     return names;
   }
 };
