@@ -27,13 +27,9 @@ using testing::DocumentOrder;
 
 std::vector<Snapshot> TakeSnapshot(const XmlDocument& doc) {
   const std::vector<XmlDocument::ElementId> order = DocumentOrder(doc);
-  std::unordered_map<XmlDocument::ElementId, long long> position;
+  std::unordered_map<XmlDocument::ElementId, long long> position{{0, -1}};
   for (std::size_t i = 0; i < order.size(); ++i) position[order[i]] = static_cast<long long>(i);
-  auto ordinal = [&](XmlDocument::ElementId id) -> long long {
-    if (id == 0) return -1;
-    auto found = position.find(id);
-    return found == position.end() ? -2 : found->second;
-  };
+  auto ordinal = [&](XmlDocument::ElementId id) { return position.count(id) ? position[id] : -2; };
   std::vector<Snapshot> out;
   for (XmlDocument::ElementId id : order) {
     const auto links = doc.Links(id);
@@ -548,9 +544,7 @@ void EditEverywhere(XmlDocument* doc) {
     doc->AppendElement(u"n", u"", 0);
   }
   doc->ResetAll();
-  if (doc->FindSibling(u"")) {
-    EXPECT_TRUE(doc->RemoveElement());
-  }
+  if (doc->FindSibling(u"")) { EXPECT_TRUE(doc->RemoveElement()); }
 }
 
 TEST(XmlReport, ReadLaterReadsAsReadAtOnce) {
