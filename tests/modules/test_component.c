@@ -1,36 +1,17 @@
 /* test_component: a component module for the tests, steered and observed through the service's
- * properties (the host table). Its name is its file's bare name ("test_component", "test_a", ...),
- * so several copies can stand in one stack. Settings under /testmodule/<name>/, all numbers:
- *   refuseInit    1: InitializeSkeinComponent returns 0
- *   entries       bit mask of the entries filled (1 Open, 2 Close, 4 Write, 8 Ioctl, 16 Event); all when missing
- *   openResult    what Open returns (0 when missing), read inside Open
- *   quiet         1: calls on ports opened from now on are not recorded
- *   writeDelayMs  every Write on ports opened from now on first sleeps that long (a slow device)
- *   openEvent     an event id that Open raises upwards (as TEST_RAISE_EVENT does) first thing
- * Every call is appended as "<name>:<op>:<port>;" to the string "/testmodule/calls" (ops: init,
- * open, close, write, ioctl, event, unload; init and unload carry port 0).
- *   Open   keeps the layer table for the port (unless openResult is nonzero).
- *   Close  forgets the port and passes the Close down, as every layer must (the service closes only
- *          the top); SKR_FAILED when a Write of the port is still in progress.
- *   Write  passes the data down, or at the bottom drops it and reports every byte written.
- *   Ioctl  TEST_RAISE_EVENT with a DWORD event id raises that event upwards, carrying this module's
- *          name (ASCII, no terminator); SKR_INVALID_SIZE without a DWORD.
- *          TEST_HOLD_WRITES with a DWORD port number holds every Write of that port until the same
- *          request with 0 (SKR_SYSTEM_ERROR after 30 s); TEST_HELD_WRITES answers how many Writes are
- *          held. Both act on the whole module, whatever port they are sent to.
- *          TEST_ENUMERATE with a UTF-16 port path calls the host's EnumeratePort for it with the value
- *          "probe", inside this Ioctl (TEST_ENUMERATE_ON_THREAD: on a thread of its own, waited for);
- *          the answer is EnumeratePort's result as a DWORD.
- *          Other codes go down, or answer SKR_INVALID_PARAMETER at the bottom.
- *   Event  passes events from below up unchanged.
- * An unknown port answers SKR_INVALID_HANDLE. With TEST_COMPONENT_NO_EXPORT it lacks the entry
- * point (test_noexport). */
-#ifndef _WIN32
-#ifndef _GNU_SOURCE
-#define _GNU_SOURCE /* dladdr */
-#endif
-#include <dlfcn.h>
-#endif
+ * properties. Its name is its file's bare name ("test_component", "test_a", ...; the build defines
+ * TEST_MODULE_NAME), so several copies can stand in one stack. Settings under /testmodule/<name>/, all numbers:
+ *   refuseInit 1: init returns 0;  openCloseOnly 1: only the Open and Close entries are filled;
+ *   openResult: what Open returns;  quiet 1: nothing more is recorded;  writeDelayMs: every Write
+ *   first sleeps that long;  openEvent: an event Open raises up.
+ * Every call is appended as "<name>:<op>:<port>;" to "/testmodule/calls" (init and unload: port 0).
+ * Close passes down as every layer must and answers SKR_FAILED while a Write of the port is in
+ * progress; Write passes down or at the bottom takes every byte; Event passes up. Own controls:
+ * TEST_RAISE_EVENT (DWORD id) raises it up with the module's name as data; TEST_HOLD_WRITES (DWORD
+ * port, 0 lets go, module-wide) holds that port's Writes (SKR_SYSTEM_ERROR after 30 s) and
+ * TEST_HELD_WRITES counts them; TEST_ENUMERATE (UTF-16 path) calls the host's EnumeratePort with
+ * "probe", inline or (_ON_THREAD) on a thread it waits for, and answers the result as a DWORD.
+ * Other controls go down, or fail with SKR_INVALID_PARAMETER at the bottom. */
 #include <stdio.h>
 
 #include "module_lock.h"
@@ -49,48 +30,19 @@
 #define TEST_ENUMERATE_ON_THREAD 0x1FFF0005u
 #define TEST_HELD_WRITES 0x1FFF0006u
 #define HOLD_LIMIT_MS 30000u
-#define ALL_ENTRIES 0x1Fu
 #define MAX_PORTS 64
-#define NAME_CHARS 64
 #define PATH_UNITS 256
 
 typedef struct TestPort {
   int used;
   uint32_t number;
   SkLayerTable layers;
-  int quiet;
-  uint32_t write_delay_ms;
   uint32_t writes_in_progress;
 } TestPort;
 
 static const SkHostTable* g_host;
-static char g_name[NAME_CHARS]; /* test module names are ASCII */
+static const char g_name[] = TEST_MODULE_NAME; /* the file's bare name, given by the build */
 static TestPort g_ports[MAX_PORTS];
-
-/* The bare name of this module's file, without folder and extension. */
-static void FindOwnName(void) {
-  char path[PATH_UNITS] = "";
-  const char *start = path, *end, *p;
-#ifdef _WIN32
-  HMODULE self = NULL;
-  if (GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                         (LPCSTR)(void*)&FindOwnName, &self)) {
-    DWORD n = GetModuleFileNameA(self, path, PATH_UNITS);
-    if (n >= PATH_UNITS) path[0] = 0;
-  }
-#else
-  Dl_info info;
-  if (dladdr((void*)&FindOwnName, &info) != 0 && info.dli_fname != NULL) {
-    snprintf(path, PATH_UNITS, "%s", info.dli_fname);
-  }
-#endif
-  for (p = path; *p != 0; ++p) {
-    if (*p == '/' || *p == '\\') start = p + 1;
-  }
-  end = strrchr(start, '.');
-  if (end == NULL) end = start + strlen(start);
-  snprintf(g_name, NAME_CHARS, "%.*s", (int)(end - start), start);
-}
 
 /* ASCII text as a string the host frees. */
 static SkString* AsciiString(const char* text) {
@@ -119,16 +71,6 @@ static TestPort* FindPort(uint32_t number) {
   return NULL;
 }
 
-static int IsQuiet(uint32_t number) {
-  TestPort* port;
-  int quiet;
-  Lock();
-  port = FindPort(number);
-  quiet = port != NULL && port->quiet;
-  Unlock();
-  return quiet;
-}
-
 /* Appends "<name>:<op>:<port>;" to /testmodule/calls. The read and the write are two host calls:
  * the module lock keeps this module's own records from interleaving. */
 static void Record(const char* op, uint32_t port) {
@@ -137,7 +79,7 @@ static void Record(const char* op, uint32_t port) {
   char entry[PATH_UNITS];
   uint32_t old_length, length, i;
   if (g_host == NULL || g_host->GetString == NULL || g_host->SetString == NULL) return;
-  if (port != 0 && IsQuiet(port)) return;
+  if (ReadSetting("quiet", 0) == 1) return;
   length = (uint32_t)snprintf(entry, PATH_UNITS, "%s:%s:%u;", g_name, op, (unsigned)port);
 
   Lock();
@@ -155,12 +97,16 @@ static void Record(const char* op, uint32_t port) {
   Unlock();
 }
 
-/* The port's layer table, copied under the lock; 0 for an unknown port. */
-static int FindLayers(uint32_t number, SkLayerTable* layers) {
+/* The port's layer table, copied under the lock, and its count of Writes in progress changed by
+ * `writes`; 0 for an unknown port. */
+static int FindLayers(uint32_t number, SkLayerTable* layers, int writes) {
   TestPort* port;
   Lock();
   port = FindPort(number);
-  if (port != NULL) *layers = port->layers;
+  if (port != NULL) {
+    *layers = port->layers;
+    port->writes_in_progress += writes;
+  }
   Unlock();
   return port != NULL;
 }
@@ -179,13 +125,10 @@ static uint32_t RaiseUp(uint32_t number, uint32_t event, const SkLayerTable* lay
 }
 
 static uint32_t SKEIN_CALL TestOpen(uint32_t number, SkString* path, const SkLayerTable* layers) {
-  uint32_t result;
-  int quiet = ReadSetting("quiet", 0) == 1;
-  uint32_t delay = ReadSetting("writeDelayMs", 0);
-  uint32_t open_event = ReadSetting("openEvent", 0);
+  uint32_t result, open_event = ReadSetting("openEvent", 0);
   int i;
   SkStringFree(path);
-  if (!quiet) Record("open", number);
+  Record("open", number);
   if (open_event != 0 && layers != NULL) RaiseUp(number, open_event, layers);
   result = ReadSetting("openResult", SKR_SUCCESS);
   if (result != SKR_SUCCESS) return result;
@@ -196,8 +139,6 @@ static uint32_t SKEIN_CALL TestOpen(uint32_t number, SkString* path, const SkLay
       memset(&g_ports[i], 0, sizeof(g_ports[i]));
       g_ports[i].used = 1;
       g_ports[i].number = number;
-      g_ports[i].quiet = quiet;
-      g_ports[i].write_delay_ms = delay;
       if (layers != NULL) g_ports[i].layers = *layers;
       result = SKR_SUCCESS;
       break;
@@ -224,26 +165,11 @@ static uint32_t SKEIN_CALL TestClose(uint32_t number) {
   return result;
 }
 
-/* Counts a Write of the port in or out; the port's write delay, or -1 for an unknown port. */
-static int64_t CountWrite(uint32_t number, int change) {
-  TestPort* port;
-  int64_t delay = -1;
-  Lock();
-  port = FindPort(number);
-  if (port != NULL) {
-    port->writes_in_progress += change;
-    delay = port->write_delay_ms;
-  }
-  Unlock();
-  return delay;
-}
-
 static uint32_t SKEIN_CALL TestWrite(uint32_t number, SkBlob* data, uint32_t* written) {
   SkLayerTable layers;
-  int64_t delay;
-  uint32_t result;
+  uint32_t result, delay = ReadSetting("writeDelayMs", 0);
   Record("write", number);
-  if (!FindLayers(number, &layers) || (delay = CountWrite(number, 1)) < 0) {
+  if (!FindLayers(number, &layers, 1)) {
     SkBlobRelease(data);
     return SKR_INVALID_HANDLE;
   }
@@ -251,7 +177,7 @@ static uint32_t SKEIN_CALL TestWrite(uint32_t number, SkBlob* data, uint32_t* wr
     result = SKR_SYSTEM_ERROR;
     SkBlobRelease(data);
   } else {
-    if (delay > 0) GateSleepMs((uint32_t)delay);
+    if (delay > 0) GateSleepMs(delay);
     if (layers.Write != NULL) {
       result = layers.Write(number, data, written);
     } else {
@@ -260,13 +186,13 @@ static uint32_t SKEIN_CALL TestWrite(uint32_t number, SkBlob* data, uint32_t* wr
       result = SKR_SUCCESS;
     }
   }
-  CountWrite(number, -1);
+  FindLayers(number, &layers, -1);
   return result;
 }
 
 /* TEST_ENUMERATE and TEST_ENUMERATE_ON_THREAD: the path handed in, and EnumeratePort's answer. */
 typedef struct Enumeration {
-  SkBlob* path; /* UTF-16, no terminator; owned */
+  SkBlob* path; /* UTF-16, no terminator */
   uint32_t result;
 } Enumeration;
 
@@ -283,59 +209,36 @@ static void Enumerate(void* arg) {
   }
 }
 
-/* Answers one of the module's own requests into *output; 0 when `code` is not one of them. */
-static int OwnRequest(uint32_t code, SkBlob* input, SkBlob** output, uint32_t* result) {
-  uint32_t value = 0;
-  if (code == TEST_HOLD_WRITES) {
-    *result = SkDwordRead(input, &value) ? SKR_SUCCESS : SKR_INVALID_SIZE;
-    if (*result == SKR_SUCCESS) GateSet(value);
-  } else if (code == TEST_HELD_WRITES) {
-    *output = SkDwordCreate(GateWaiting());
-    *result = *output != NULL ? SKR_SUCCESS : SKR_OUT_OF_MEMORY;
-  } else if (code == TEST_ENUMERATE || code == TEST_ENUMERATE_ON_THREAD) {
-    Enumeration e;
-    e.path = input;
-    e.result = 0;
-    if (input == NULL) {
-      *result = SKR_INVALID_SIZE;
-      return 1;
-    }
-    if (code == TEST_ENUMERATE) {
-      Enumerate(&e);
-    } else if (!GateRunOnThread(Enumerate, &e)) {
-      *result = SKR_SYSTEM_ERROR;
-      return 1;
-    }
-    *output = SkDwordCreate(e.result);
-    *result = *output != NULL ? SKR_SUCCESS : SKR_OUT_OF_MEMORY;
-  } else {
-    return 0;
-  }
-  return 1;
-}
-
 static uint32_t SKEIN_CALL TestIoctl(uint32_t number, uint32_t code, SkBlob* input, SkBlob** output) {
   SkLayerTable layers;
-  uint32_t event, own_result;
+  Enumeration e;
+  uint32_t value = 0;
+  int ok;
   if (code == TEST_HOLD_WRITES || code == TEST_HELD_WRITES) {
     /* Requests to the module as a whole: any port number will do. */
-    OwnRequest(code, input, output, &own_result);
+    ok = code == TEST_HELD_WRITES || SkDwordRead(input, &value);
     SkBlobRelease(input);
-    return own_result;
+    if (!ok) return SKR_INVALID_SIZE;
+    if (code == TEST_HOLD_WRITES) GateSet(value);
+    if (code == TEST_HELD_WRITES) *output = SkDwordCreate(GateWaiting());
+    return SKR_SUCCESS;
   }
   Record("ioctl", number);
-  if (!FindLayers(number, &layers)) {
+  if (!FindLayers(number, &layers, 0)) {
     SkBlobRelease(input);
     return SKR_INVALID_HANDLE;
   }
-  if (OwnRequest(code, input, output, &own_result)) {
+  if (code == TEST_ENUMERATE || code == TEST_ENUMERATE_ON_THREAD) {
+    e.path = input;
+    ok = input != NULL && (code == TEST_ENUMERATE ? (Enumerate(&e), 1) : GateRunOnThread(Enumerate, &e));
     SkBlobRelease(input);
-    return own_result;
+    if (ok) *output = SkDwordCreate(e.result);
+    return ok ? SKR_SUCCESS : input == NULL ? SKR_INVALID_SIZE : SKR_SYSTEM_ERROR;
   }
   if (code == TEST_RAISE_EVENT) {
-    int ok = SkDwordRead(input, &event);
+    ok = SkDwordRead(input, &value);
     SkBlobRelease(input);
-    return ok ? RaiseUp(number, event, &layers) : SKR_INVALID_SIZE;
+    return ok ? RaiseUp(number, value, &layers) : SKR_INVALID_SIZE;
   }
   if (layers.Ioctl != NULL) return layers.Ioctl(number, code, input, output);
   SkBlobRelease(input);
@@ -345,7 +248,7 @@ static uint32_t SKEIN_CALL TestIoctl(uint32_t number, uint32_t code, SkBlob* inp
 static void SKEIN_CALL TestEvent(uint32_t number, uint32_t event, SkBlob* data) {
   SkLayerTable layers;
   Record("event", number);
-  if (FindLayers(number, &layers) && layers.Event != NULL) {
+  if (FindLayers(number, &layers, 0) && layers.Event != NULL) {
     layers.Event(number, event, data);
   } else {
     SkBlobRelease(data);
@@ -353,20 +256,18 @@ static void SKEIN_CALL TestEvent(uint32_t number, uint32_t event, SkBlob* data) 
 }
 
 SKEIN_EXPORT int32_t SKEIN_CALL InitializeSkeinComponent(const SkHostTable* host, SkComponentTable* ops) {
-  uint32_t entries;
   g_host = host;
-  FindOwnName();
   Record("init", 0);
   if (ReadSetting("refuseInit", 0) == 1) {
     g_host = NULL; /* refused: the host table is not ours to keep */
     return 0;
   }
-  entries = ReadSetting("entries", ALL_ENTRIES);
-  if (entries & 1u) ops->Open = TestOpen;
-  if (entries & 2u) ops->Close = TestClose;
-  if (entries & 4u) ops->Write = TestWrite;
-  if (entries & 8u) ops->Ioctl = TestIoctl;
-  if (entries & 16u) ops->Event = TestEvent;
+  ops->Open = TestOpen;
+  ops->Close = TestClose;
+  if (ReadSetting("openCloseOnly", 0) == 1) return 1;
+  ops->Write = TestWrite;
+  ops->Ioctl = TestIoctl;
+  ops->Event = TestEvent;
   return 1;
 }
 

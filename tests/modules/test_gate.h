@@ -24,9 +24,13 @@ static CONDITION_VARIABLE g_gate_changed = CONDITION_VARIABLE_INIT;
 #define GATE_LEAVE() ReleaseSRWLockExclusive(&g_gate_lock)
 #define GATE_WAKE() WakeAllConditionVariable(&g_gate_changed)
 static void GateSleepMs(uint32_t ms) { Sleep(ms); }
-/* Waits (gate lock held) for a change, at most `ms`. */
-static void GateWaitChange(uint32_t ms) { SleepConditionVariableSRW(&g_gate_changed, &g_gate_lock, ms, 0); }
-static uint32_t GateNowMs(void) { return GetTickCount(); }
+typedef DWORD GateDeadline;
+static GateDeadline GateDeadlineIn(uint32_t ms) { return GetTickCount() + ms; }
+/* Waits (gate lock held) for a change; 0 once `deadline` has passed. */
+static int GateWaitChange(GateDeadline deadline) {
+  const DWORD left = deadline - GetTickCount();
+  return (int32_t)left > 0 && SleepConditionVariableSRW(&g_gate_changed, &g_gate_lock, left, 0);
+}
 
 static DWORD WINAPI GateThreadEntry(LPVOID p) {
   GateThreadStart* start = (GateThreadStart*)p;
@@ -46,6 +50,7 @@ static int GateRunOnThread(GateThreadFn fn, void* arg) {
   return 1;
 }
 #else
+#include <errno.h>
 #include <pthread.h>
 #include <time.h>
 
@@ -60,21 +65,18 @@ static void GateSleepMs(uint32_t ms) {
   t.tv_nsec = (long)(ms % 1000) * 1000000L;
   nanosleep(&t, NULL);
 }
-static void GateWaitChange(uint32_t ms) {
+typedef struct timespec GateDeadline;
+static GateDeadline GateDeadlineIn(uint32_t ms) {
   struct timespec until;
+  long ns;
   clock_gettime(CLOCK_REALTIME, &until);
-  until.tv_sec += ms / 1000;
-  until.tv_nsec += (long)(ms % 1000) * 1000000L;
-  if (until.tv_nsec >= 1000000000L) {
-    until.tv_sec += 1;
-    until.tv_nsec -= 1000000000L;
-  }
-  pthread_cond_timedwait(&g_gate_changed, &g_gate_lock, &until);
+  ns = until.tv_nsec + (long)(ms % 1000) * 1000000L;
+  until.tv_sec += ms / 1000 + ns / 1000000000L;
+  until.tv_nsec = ns % 1000000000L;
+  return until;
 }
-static uint32_t GateNowMs(void) {
-  struct timespec t;
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return (uint32_t)(t.tv_sec * 1000u + t.tv_nsec / 1000000L);
+static int GateWaitChange(GateDeadline deadline) {
+  return pthread_cond_timedwait(&g_gate_changed, &g_gate_lock, &deadline) != ETIMEDOUT;
 }
 
 static void* GateThreadEntry(void* p) {
@@ -106,18 +108,13 @@ static void GateSet(uint32_t closed_for) {
 
 /* Returns 1 once the gate is open for `key`, 0 when it stayed closed for `limit_ms`. */
 static int GatePass(uint32_t key, uint32_t limit_ms) {
-  uint32_t start = GateNowMs();
-  int passed = 1;
+  const GateDeadline deadline = GateDeadlineIn(limit_ms);
+  int passed;
   GATE_ENTER();
   ++g_gate_waiting;
-  while (key != 0 && g_gate_closed_for == key) {
-    uint32_t spent = GateNowMs() - start;
-    if (spent >= limit_ms) {
-      passed = 0;
-      break;
-    }
-    GateWaitChange(limit_ms - spent);
+  while (key != 0 && g_gate_closed_for == key && GateWaitChange(deadline)) {
   }
+  passed = key == 0 || g_gate_closed_for != key;
   --g_gate_waiting;
   GATE_LEAVE();
   return passed;
