@@ -24,8 +24,6 @@ using testing::LogLine;
 using testing::Narrow;
 using Calls = std::u16string;
 
-constexpr uint32_t kRaiseEvent = 0x7FFF0001u;  // the test module's "raise this event upwards"
-
 using testing::SetLoadedNumber;
 using testing::SetLoadedString;
 CComponent* Component(const char16_t* name) { return CConfiguration::FindComponent(name); }
@@ -139,14 +137,9 @@ TEST_F(PortStackTest, ListingIgnoresConditionsAndSkipsUnknownNames) {
 
 // ---- Opening ----
 
-// The caller's own layer: receives the events of the top component as "<port> <event> <bytes>".
-std::vector<std::string> g_events;
-void SKEIN_CALL CallerEvent(uint32_t port, uint32_t event, SkBlob* data) {
-  std::string text = std::to_string(port) + " " + std::to_string(event) + " ";
-  if (data != nullptr) text.append(reinterpret_cast<const char*>(SkBlobData(data)), data->size);
-  SkBlobRelease(data);
-  g_events.push_back(text);
-}
+// The caller's own layer: only its event entry is filled. How calls and events pass through the
+// layers is checked on plain tables below.
+void SKEIN_CALL CallerEvent(uint32_t, uint32_t, SkBlob* data) { SkBlobRelease(data); }
 
 TEST_F(PortStackTest, OpenLinksTheLayersTopToBottom) {
   SkComponentTable table{};
@@ -156,30 +149,6 @@ TEST_F(PortStackTest, OpenLinksTheLayersTopToBottom) {
   // The caller now talks to the top component; its own event entry stays.
   ExpectDownward(table, Component(u"test_a")->table());
   EXPECT_EQ(table.Event, CallerEvent);
-
-  // Downwards through all three; the bottom has nothing below it and takes every byte, and a
-  // control nobody serves fails there. The caller's blob comes back to one reference.
-  testing::ClearRecordedCalls();
-  Blob* mine = BlobCreate(5);
-  BlobAddRef(mine);
-  uint32_t written = 0;
-  EXPECT_EQ(table.Write(4, ToSkBlob(mine), &written), SKR_SUCCESS);
-  EXPECT_EQ(written, 5u);
-  EXPECT_EQ(mine->references.load(), 1u);
-  BlobAddRef(mine);
-  EXPECT_EQ(table.Ioctl(4, 0x12345678, ToSkBlob(mine), nullptr), SKR_INVALID_PARAMETER);
-  EXPECT_EQ(mine->references.load(), 1u);
-  BlobRelease(mine);
-  EXPECT_EQ(Recorded(), u"test_a:write:4;test_b:write:4;test_c:write:4;test_a:ioctl:4;test_b:ioctl:4;test_c:ioctl:4;");
-
-  // Upwards: an event raised at the bottom passes test_b and test_a and reaches the caller.
-  g_events.clear();
-  Blob* event = DwordBlobCreate(3);
-  BlobAddRef(event);
-  EXPECT_EQ(Component(u"test_c")->Ioctl(4, kRaiseEvent, event, nullptr), SKR_SUCCESS);
-  EXPECT_EQ(event->references.load(), 1u);
-  BlobRelease(event);
-  EXPECT_EQ(g_events, std::vector<std::string>{"4 3 test_c"});
   CloseAll(4);
 }
 
