@@ -52,9 +52,14 @@ int TraceAt(const std::vector<LogLine>& lines, const CSKConnection& c, std::u16s
 }
 
 TEST_F(PortTest, MembersAreCheckedAgainstTheStoreCaseSensitively) {
+  ASSERT_TRUE(SetNumberProperty(u"/testmodule/test_component/openResult", 0x80001234u));
   LocalConnection c;
-  for (const char16_t* name : {u"loop/nosuch", u"loop/Dev1", u"nosuch/dev1", u"loop/dev1/x"}) {
-    EXPECT_EQ(OpenName(c, name), SKR_INVALID_SIZE) << testing::Narrow(name);
+  const std::pair<const char16_t*, uint32_t> cases[] = {
+      {u"loop/nosuch", SKR_INVALID_SIZE}, {u"loop/Dev1", SKR_INVALID_SIZE},   {u"nosuch/dev1", SKR_INVALID_SIZE},
+      {u"loop/dev1/x", SKR_INVALID_SIZE}, {u"plain/dev1", 0x80001234u},  // a stack that fails to open
+  };
+  for (const auto& [name, result] : cases) {
+    EXPECT_EQ(OpenName(c, name), result) << testing::Narrow(name);
     EXPECT_EQ(c.port_number(), 0u);
   }
   EXPECT_EQ(PortTable::Size(), 0u);
@@ -126,13 +131,6 @@ TEST_F(PortTest, SecondOpenFailsAndKeepsTheFirstPort) {
   }
 }
 
-TEST_F(PortTest, AStackThatFailsToOpenLeavesNothingBehind) {
-  ASSERT_TRUE(SetNumberProperty(u"/testmodule/test_component/openResult", 0x80001234u));
-  LocalConnection c;
-  EXPECT_EQ(OpenName(c, u"plain/dev1"), 0x80001234u);
-  EXPECT_EQ(c.port_number(), 0u);
-}
-
 // ---- Write and Ioctl ----
 
 TEST_F(PortTest, WriteNeedsTheLockAndRequestsAreTraced) {
@@ -165,7 +163,7 @@ TEST_F(PortTest, WriteNeedsTheLockAndRequestsAreTraced) {
   }
 }
 
-TEST_F(PortTest, RouterChecksMembershipAndTheAccessBits) {
+TEST_F(PortTest, RouterChecksTheAccessBitsAndPropertySetsTellTheStack) {
   LocalConnection c;
   BlobRef output;
   EXPECT_EQ(c.Ioctl(0x00001234u, BlobRef(), &output), SKR_INVALID_HANDLE);  // no port
@@ -178,19 +176,12 @@ TEST_F(PortTest, RouterChecksMembershipAndTheAccessBits) {
   EXPECT_EQ(c.Ioctl(0x40001234u, BlobRef(), &output), SKR_INVALID_PARAMETER);
   EXPECT_EQ(c.Ioctl(0x00001234u, BlobRef(), &output), SKR_INVALID_PARAMETER);
   EXPECT_EQ(CountOf(ModuleCalls(), u"test_component:ioctl:1;"), 2u);
-  EXPECT_EQ(c.Close(), SKR_SUCCESS);
-}
 
-TEST_F(PortTest, PropertySetsReachTheStoreAndTellTheStack) {
-  LocalConnection c;
-  ASSERT_EQ(OpenName(c, u"plain/dev1"), SKR_SUCCESS);
-  // A set is a bits-30-and-29 code: it needs the lock. The bottom component refuses SK_PORT_LOCK,
-  // and a refused admission grants the lock all the same.
+  // A property set is a bits-30-and-29 code: it needs the lock. The bottom component refuses
+  // SK_PORT_LOCK, and a refused admission grants the lock all the same.
   EXPECT_EQ(Lock(c), SKR_INVALID_PARAMETER);
   EXPECT_TRUE(c.lock_granted());
   ClearModuleCalls();
-
-  BlobRef output;
   EXPECT_EQ(c.Ioctl(0x6007000eu, Utf16({u"speed\0", 6}, {"\x80\x25\0\0", 4}), &output), SKR_SUCCESS);
   uint32_t stored = 0;
   EXPECT_TRUE(CConfiguration::WithProperties(
