@@ -68,20 +68,13 @@ class IsolationTest : public PortTest {
       work();
       done = true;
     });
-    const auto start = std::chrono::steady_clock::now();
-    bool released = false;
-    while (!done) {
-      const auto spent = std::chrono::steady_clock::now() - start;
-      if (!released && spent > kBound) {
-        ADD_FAILURE() << "the requests waited for the held device";
-        SetHold(0);
-        released = true;
-      }
-      if (spent > 2 * kBound) {
+    if (!Eventually([&] { return done.load(); })) {
+      ADD_FAILURE() << "the requests waited for the held device";
+      SetHold(0);
+      if (!Eventually([&] { return done.load(); })) {
         std::fprintf(stderr, "isolation: requests still waiting after the device was let go: deadlock\n");
         std::abort();
       }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     worker.join();
   }
@@ -142,38 +135,27 @@ TEST_F(IsolationTest, AHeldWriteDelaysNobodyElseAndTheLastCloseWaitsForItAlone) 
 
 TEST_F(IsolationTest, AComponentMayEnumerateItsOwnPortFromInsideAndFromItsThread) {
   ASSERT_TRUE(SetNumberProperty(u"/EnumeratePort", 1));
-  struct Case {
-    uint32_t code;
-    bool outer_holds_lock;
-    std::u16string calls;  // what the module saw: the request, then the enumeration's own
-  };
   const std::u16string request = u"test_component:ioctl:1;";
-  const Case cases[] = {
-      // Lock granted to the enumeration, then its value: loopback refuses that, so the answer is 0.
-      {kTestEnumerate, false, request + request + request},
-      {kTestEnumerateOnThread, false, request + request + request},
-      // The lock is held by the caller: the enumeration's lock request waits, and it gives up.
-      {kTestEnumerate, true, request},
-      {kTestEnumerateOnThread, true, request},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << std::hex << c.code << " locked " << c.outer_holds_lock);
-    LocalConnection outer;
-    ASSERT_EQ(OpenName(outer, u"mixed/dev1"), SKR_SUCCESS);
-    if (c.outer_holds_lock) {
-      ASSERT_EQ(Lock(outer), SKR_SUCCESS);
+  for (const uint32_t code : {kTestEnumerate, kTestEnumerateOnThread}) {
+    for (const bool locked : {false, true}) {
+      SCOPED_TRACE(::testing::Message() << std::hex << code << " locked " << locked);
+      LocalConnection outer;
+      ASSERT_EQ(OpenName(outer, u"mixed/dev1"), SKR_SUCCESS);
+      ASSERT_EQ(locked ? Lock(outer) : SKR_SUCCESS, SKR_SUCCESS);
+      ClearModuleCalls();
+      BlobRef answer;
+      WithoutWaitingForTheDevice([&] { EXPECT_EQ(outer.Ioctl(code, Utf16(u"mixed/dev1"), &answer), SKR_SUCCESS); });
+      uint32_t enumerated = 99;
+      EXPECT_TRUE(DwordBlobRead(answer.get(), &enumerated));
+      EXPECT_EQ(enumerated, 0u);
+      // What the module saw: the request, then the enumeration's lock and value (which loopback
+      // refuses, so the answer is 0). With the lock held by the caller the enumeration's lock
+      // request waits, and it gives up.
+      EXPECT_EQ(ModuleCalls(), locked ? request : request + request + request);
+      EXPECT_EQ(PortTable::Size(), 1u);  // the enumeration's connection is gone again
+      EXPECT_EQ(outer.lock_granted(), locked);
+      EXPECT_EQ(outer.Close(), SKR_SUCCESS);
     }
-    ClearModuleCalls();
-    BlobRef answer;
-    WithoutWaitingForTheDevice(
-        [&] { EXPECT_EQ(outer.Ioctl(c.code, Utf16(u"mixed/dev1"), &answer), SKR_SUCCESS); });
-    uint32_t enumerated = 99;
-    EXPECT_TRUE(DwordBlobRead(answer.get(), &enumerated));
-    EXPECT_EQ(enumerated, 0u);
-    EXPECT_EQ(ModuleCalls(), c.calls);
-    EXPECT_EQ(PortTable::Size(), 1u);  // the enumeration's connection is gone again
-    EXPECT_EQ(outer.lock_granted(), c.outer_holds_lock);
-    EXPECT_EQ(outer.Close(), SKR_SUCCESS);
   }
 }
 
@@ -236,8 +218,7 @@ TEST_F(IsolationTest, AMemberToldItHoldsTheLockCanWriteAtOnce) {
   EXPECT_EQ(eager.written, kRounds);
   EXPECT_EQ(keyed.told, kRounds / 2);
   EXPECT_EQ(keyed.written, kRounds / 2);
-  for (LocalConnection* c : {&holder, &keyed_holder, static_cast<LocalConnection*>(&eager),
-                             static_cast<LocalConnection*>(&keyed)}) {
+  for (LocalConnection* c : std::initializer_list<LocalConnection*>{&holder, &keyed_holder, &eager, &keyed}) {
     EXPECT_EQ(c->Close(), SKR_SUCCESS);
   }
 }
