@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <filesystem>
-
 #include <memory>
 #include <mutex>
 #include <string>
@@ -34,10 +34,8 @@ uint64_t Refs(const Blob* blob) { return blob->references.load(); }
 // One more reference of `blob`, for a call to take over.
 Blob* Lend(const BlobRef& blob) { return BlobRef(blob).Release(); }
 
-bool IsEmpty(const SkComponentTable& t) {
-  return t.Open == nullptr && t.Close == nullptr && t.Write == nullptr && t.Ioctl == nullptr &&
-         t.Event == nullptr;
-}
+const SkComponentTable kNone{};
+bool IsEmpty(const SkComponentTable& t) { return std::memcmp(&t, &kNone, sizeof t) == 0; }
 
 // The caller's layer above a module: only the event entry is filled, and it keeps every event.
 struct Received {

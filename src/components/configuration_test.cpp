@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -29,10 +30,8 @@ void ExpectFullyUnloaded() {
   EXPECT_TRUE(CConfiguration::components().empty());
   EXPECT_FALSE(CConfiguration::WithConfiguration([](CPropertyHandler&) { return true; }));
   EXPECT_FALSE(CConfiguration::WithProperties([](CPropertyHandler&) { return true; }));
-  const SkHostTable* t = CConfiguration::host_table();
-  EXPECT_TRUE(t->EnumerateGroups == nullptr && t->GetBinary == nullptr && t->GetNumber == nullptr &&
-              t->GetString == nullptr && t->Delete == nullptr && t->SetBinary == nullptr &&
-              t->SetNumber == nullptr && t->SetString == nullptr && t->EnumeratePort == nullptr);
+  const SkHostTable none{};  // every entry empty
+  EXPECT_EQ(std::memcmp(CConfiguration::host_table(), &none, sizeof none), 0);
 }
 
 // ---- Load and Unload ----

@@ -50,16 +50,6 @@ class IsolationTest : public PortTest {
     return condition();
   }
 
-  // Waits until `count` Writes are held in the module.
-  static void AwaitHeldWrites(LocalConnection& member, uint32_t count) {
-    EXPECT_TRUE(Eventually([&] {
-      BlobRef output;
-      uint32_t held = 0;
-      return member.Ioctl(kTestHeldWrites, BlobRef(), &output) == SKR_SUCCESS && DwordBlobRead(output.get(), &held) &&
-             held == count;
-    })) << "the write never reached the device";
-  }
-
   // Runs `work`, which must not wait for the held device: past the bound the hold is let go and
   // the test fails; past twice the bound the process ends (a deadlock).
   static void WithoutWaitingForTheDevice(const std::function<void()>& work) {
@@ -101,7 +91,12 @@ TEST_F(IsolationTest, AHeldWriteDelaysNobodyElseAndTheLastCloseWaitsForItAlone) 
   std::atomic<uint32_t> write_result{0xFFFFFFFFu};
   std::atomic<uint32_t> close_result{0xFFFFFFFFu};
   InBackground([&] { write_result = WriteText(writer, "slow"); });
-  AwaitHeldWrites(writer, 1);
+  EXPECT_TRUE(Eventually([&] {
+    BlobRef output;
+    uint32_t held = 0;
+    return writer.Ioctl(kTestHeldWrites, BlobRef(), &output) == SKR_SUCCESS && DwordBlobRead(output.get(), &held) &&
+           held == 1;
+  })) << "the write never reached the device";
 
   WithoutWaitingForTheDevice([] {
     UseAnotherPort(u"loop/dev1");

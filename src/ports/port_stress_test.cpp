@@ -30,13 +30,8 @@ constexpr auto kRunLimit = std::chrono::seconds(300);
 
 const char16_t* const kNames[kPorts] = {u"loop/dev1", u"loop/dev2", u"loop/dev3", u"mixed/dev1"};
 
-struct Holders {
-  std::atomic<int> plain{0};
-  std::atomic<int> keyed{0};
-};
-
 struct Shared {
-  Holders holders[kPorts];
+  std::atomic<int> plain_holders[kPorts] = {}, keyed_holders[kPorts] = {};  // per port
   std::atomic<int> violations{0};
   std::atomic<int> failures{0};
   std::atomic<int> finished{0};
@@ -80,14 +75,10 @@ void Worker(Shared& shared, int index) {
       continue;
     }
 
-    Holders& holders = shared.holders[p];
-    if (keyed) {
-      holders.keyed.fetch_add(1);
-      if (holders.plain.load() != 0) shared.violations.fetch_add(1);
-    } else {
-      if (holders.plain.fetch_add(1) != 0) shared.violations.fetch_add(1);
-      if (holders.keyed.load() != 0) shared.violations.fetch_add(1);
-    }
+    // A keyless holder holds alone; keyed holders never beside a keyless one.
+    std::atomic<int>& mine = keyed ? shared.keyed_holders[p] : shared.plain_holders[p];
+    std::atomic<int>& other_kind = keyed ? shared.plain_holders[p] : shared.keyed_holders[p];
+    if ((mine.fetch_add(1) != 0 && !keyed) || other_kind.load() != 0) shared.violations.fetch_add(1);
 
     for (int w = 0; w < kWritesPerHold; ++w) {
       uint32_t written = 0;
@@ -109,11 +100,7 @@ void Worker(Shared& shared, int index) {
       }
     }
 
-    if (keyed) {
-      holders.keyed.fetch_sub(1);
-    } else {
-      holders.plain.fetch_sub(1);
-    }
+    mine.fetch_sub(1);
     if (round % 4 == 3) {
       c.Close();  // vanishes with the lock: Close passes it on
     } else {

@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -90,11 +91,9 @@ inline std::u16string Units(const BlobRef& blob) {
 
 // A connection's id as its trace lines show it.
 inline std::u16string TraceId(const CSKConnection& connection) {
-  static const char16_t digits[] = u"0123456789abcdef";
-  std::u16string text(8, u'0');
-  uint32_t value = connection.trace_id();
-  for (int i = 7; i >= 0; --i, value >>= 4) text[i] = digits[value & 0xF];
-  return text;
+  char text[9];
+  std::snprintf(text, sizeof text, "%08x", static_cast<unsigned>(connection.trace_id()));
+  return std::u16string(text, text + 8);
 }
 
 inline uint32_t OpenName(CSKConnection& connection, const char16_t* name) {

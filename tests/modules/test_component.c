@@ -198,15 +198,8 @@ typedef struct Enumeration {
 
 static void Enumerate(void* arg) {
   Enumeration* e = (Enumeration*)arg;
-  const unsigned char* bytes = SkBlobData(e->path);
-  uint16_t units[PATH_UNITS];
-  uint32_t count = (uint32_t)(e->path->size / 2), i;
-  if (count > PATH_UNITS) count = PATH_UNITS;
-  for (i = 0; i < count; ++i) units[i] = (uint16_t)(bytes[2 * i] | (bytes[2 * i + 1] << 8));
-  e->result = 0;
-  if (g_host != NULL && g_host->EnumeratePort != NULL) {
-    e->result = g_host->EnumeratePort(SkStringCreate(units, count), AsciiString("probe"));
-  }
+  SkString* path = SkStringCreate((const uint16_t*)SkBlobData(e->path), (uint32_t)(e->path->size / 2));
+  e->result = g_host->EnumeratePort(path, AsciiString("probe"));
 }
 
 static uint32_t SKEIN_CALL TestIoctl(uint32_t number, uint32_t code, SkBlob* input, SkBlob** output) {
