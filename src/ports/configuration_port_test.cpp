@@ -302,14 +302,12 @@ TEST_F(ConfigurationPortTest, AddPortNamesStoresAndPassesOnTheNewPort) {
   const std::vector<LogLine> lines = capture.Lines();
   EXPECT_GE(IndexOf(lines, u"-- Ioctl(, SK_CONFIG_ADD_PORT, /NAVPRT002)\n" + Definition(nullptr), 4), 0) << Dump(lines);
   EXPECT_GE(IndexOf(lines, u"-- Ioctl(, SK_CONFIG_ADD_PORT, NAVPRT050)\n" + Definition(u"NAVPRT050"), 4), 0);
-}
 
-TEST_F(ConfigurationPortTest, AddPortWithAll999NumbersTakenAddsNothing) {
+  // With all 999 numbers taken nothing is added.
   std::u16string xml = u"<xmlroot>";
   for (const WString& name : AllNumbersTaken()) xml += u"<type value=\"" + std::u16string(View(name)) + u"\"/>";
   xml += u"</xmlroot>";
   ASSERT_TRUE(CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.ReplaceGroup(u"", xml); }));
-  BlobRef out;
   EXPECT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Wide(Definition(nullptr)), &out), SKR_FAILED);
   EXPECT_EQ(Units(out), std::u16string(u"\0", 1));
   EXPECT_EQ(RootGroups().size(), 999u);

@@ -155,13 +155,8 @@ TEST_F(IsolationTest, AComponentMayEnumerateItsOwnPortFromInsideAndFromItsThread
 }
 
 TEST_F(IsolationTest, ControlsWithoutAnOutputSlotStillGiveTheStackOne) {
-  const std::pair<const char16_t*, uint32_t> cases[] = {
-      {u"loop/dev1", SK_LOCK_STATE},
-      {u"plain/dev1", kTestHeldWrites},
-      {u"mixed/dev1", SK_LOCK_STATE},
-      {u"mixed/dev1", kTestHeldWrites},
-  };
-  for (const auto& [port, code] : cases) {
+  // Both modules write their answer without looking for a slot.
+  for (const auto& [port, code] : {std::pair{u"loop/dev1", SK_LOCK_STATE}, std::pair{u"plain/dev1", kTestHeldWrites}}) {
     LocalConnection connection;
     ASSERT_EQ(OpenName(connection, port), SKR_SUCCESS);
     EXPECT_EQ(connection.Ioctl(code, BlobRef(), nullptr), SKR_SUCCESS) << std::hex << code;
