@@ -25,9 +25,8 @@
 #include "ports/open_port.h"
 #include "ports/port_table.h"
 #include "ports/sk_connection.h"
-#include "support/isolated_dirs.h"
+#include "support/component_fixture.h"
 #include "support/log_capture.h"
-#include "support/store_files.h"
 #include "test_modules.h"
 
 namespace orlenda::port_testing {
@@ -56,15 +55,8 @@ inline WString GetProperty(const WString& path) {
 }
 
 // What the test modules recorded since the last ClearModuleCalls ("" when nothing).
-inline std::u16string ModuleCalls() {
-  WString calls;
-  CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.GetString(u"/testmodule/calls", &calls); });
-  return std::u16string(calls.begin(), calls.end());
-}
-
-inline void ClearModuleCalls() {
-  CConfiguration::WithProperties([](CPropertyHandler& s) { return s.Delete(u"/testmodule/calls"); });
-}
+inline std::u16string ModuleCalls() { return testing::RecordedCalls(); }
+inline void ClearModuleCalls() { testing::ClearRecordedCalls(); }
 
 inline std::size_t CountOf(const std::u16string& text, const std::u16string& part) {
   std::size_t count = 0;
@@ -136,22 +128,14 @@ inline uint32_t SetDeviceLockState(uint32_t number, uint32_t state) {
 }
 
 // A fresh store holding `entries` (path and text) when the configuration loads; gone afterwards.
-class StoreTest : public ::testing::Test {
+class StoreTest : public testing::ConfigurationFixture {
  protected:
   using Entries = std::vector<std::pair<const char16_t*, const char16_t*>>;
   explicit StoreTest(Entries entries) : entries_(std::move(entries)) {}
-  static void SetUpTestSuite() { testing::UseIsolatedDirs(); }
   void SetUp() override {
-    testing::RemoveStoreFiles();
-    {
-      CPropertyHandler store{WString(u"Orlenda.configuration")};
-      for (const auto& entry : entries_) ASSERT_TRUE(store.SetString(entry.first, entry.second));
-    }
+    ConfigurationFixture::SetUp();
+    testing::WriteConfiguration({}, entries_);
     ASSERT_TRUE(CConfiguration::Load());
-  }
-  void TearDown() override {
-    CConfiguration::Unload();
-    testing::RemoveStoreFiles();
   }
 
  private:
