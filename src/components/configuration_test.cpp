@@ -170,6 +170,17 @@ TEST_F(HostTableTest, TypedValuesRoundTripThroughThePropertiesStore) {
   EXPECT_EQ(groups, HeapVector<WString>{W(u"components")});
 }
 
+// Port enumeration is off while "/EnumeratePort" is missing or 0; switched on, an empty value (or
+// none) asks no port at all and is a yes. Driving a port is the configuration port's tests' part.
+TEST_F(HostTableTest, EnumeratePortIsOffUnlessSwitchedOnAndAnEmptyValueAsksNothing) {
+  EXPECT_EQ(host_->EnumeratePort(S(u"nosuch/dev1"), S(u"")), 0u);
+  EXPECT_NE(host_->SetNumber(S(u"/EnumeratePort"), 0), 0);
+  EXPECT_EQ(host_->EnumeratePort(S(u"nosuch/dev1"), S(u"")), 0u);
+  EXPECT_NE(host_->SetNumber(S(u"/EnumeratePort"), 1), 0);
+  EXPECT_EQ(host_->EnumeratePort(S(u"nosuch/dev1"), S(u"")), 1u);
+  EXPECT_EQ(host_->EnumeratePort(S(u"nosuch/dev1"), nullptr), 1u);
+}
+
 TEST_F(HostTableTest, BlobReferencesBalance) {
   const uint8_t bytes[] = {1, 2, 3, 0, 255};
   Blob* mine = BlobCopy(bytes, sizeof bytes);
