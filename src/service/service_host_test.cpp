@@ -18,7 +18,6 @@
 #include "components/configuration.h"
 #include "platform/errors.h"
 #include "platform/file.h"
-#include "ports/sk_connection.h"
 #include "service/run_mode.h"
 #include "service/service_data.h"
 #include "service/server_registry.h"
@@ -230,31 +229,9 @@ TEST_F(ServiceStartTest, ALooserDataFolderIsTakenOver) {
   EXPECT_TRUE(trusted);
 }
 
-TEST_F(ServiceStartTest, TheMachineStaysAwakeOnlyWhileAPortIsLocked) {
-  WriteBrokerConfiguration();
-  const auto await_last = [&](uint32_t flags) {
-    return system_.Await([&] { return !system_.execution.empty() && system_.execution.back() == flags; });
-  };
-  RunService([&] {
-    EXPECT_EQ(RegisteredServerCount(), 2u);
-    EXPECT_TRUE(TcpListens());
-    LocalConnection c;
-    WString name(u"LOOP/1");
-    ASSERT_EQ(c.Open(&name), SKR_SUCCESS);
-    BlobRef out;
-    ASSERT_EQ(c.Ioctl(SK_PORT_LOCK, BlobRef::Adopt(DwordBlobCreate(1)), &out), SKR_SUCCESS);
-    EXPECT_TRUE(await_last(kAwake));
-    ASSERT_EQ(c.Ioctl(SK_PORT_LOCK, BlobRef::Adopt(DwordBlobCreate(2)), &out), SKR_SUCCESS);
-    EXPECT_TRUE(await_last(platform::kExecutionContinuous));
-    ASSERT_EQ(c.Close(), SKR_SUCCESS);
-  });
-  // Locked, unlocked, and let sleep on the way out (the close's own change may come in between).
-  ASSERT_GE(system_.execution.size(), 3u);
-  EXPECT_EQ(system_.execution[0], kAwake);
-  for (std::size_t i = 1; i < system_.execution.size(); ++i) EXPECT_EQ(system_.execution[i], platform::kExecutionContinuous);
-}
-
-TEST_F(ServiceStartTest, AStopWhileLockedLetsTheMachineSleepBeforeTheServersGo) {
+// Locked, unlocked, locked again, and the stop lets the machine sleep while the servers are still
+// there (each change is seen before the next).
+TEST_F(ServiceStartTest, TheMachineStaysAwakeOnlyWhileAPortIsLockedAndSleepsBeforeTheServersGo) {
   WriteBrokerConfiguration();
   std::vector<bool> listening;
   system_.on_execution_state = [&](uint32_t) { listening.push_back(TcpListens()); };
@@ -262,11 +239,15 @@ TEST_F(ServiceStartTest, AStopWhileLockedLetsTheMachineSleepBeforeTheServersGo) 
   RunService([&] {
     ASSERT_EQ(holder.ConnectTcp(port_), platform::kErrorSuccess);
     ASSERT_EQ(holder.Call(testing::OpenFrame(1, u"LOOP/1")), SKR_SUCCESS);
-    ASSERT_EQ(holder.Call(testing::IoctlFrame(2, SK_PORT_LOCK, testing::DwordBytes(1))), SKR_SUCCESS);
-    system_.Await([&] { return !system_.execution.empty(); });  // until the lock was seen
+    for (uint32_t lock : {1u, 2u, 1u}) {
+      ASSERT_EQ(holder.Call(testing::IoctlFrame(2, SK_PORT_LOCK, testing::DwordBytes(lock))), SKR_SUCCESS);
+      const uint32_t flags = lock == 1 ? kAwake : platform::kExecutionContinuous;
+      EXPECT_TRUE(system_.Await([&] { return !system_.execution.empty() && system_.execution.back() == flags; }));
+    }
   });
-  EXPECT_EQ(system_.execution, (std::vector<uint32_t>{kAwake, platform::kExecutionContinuous}));
-  EXPECT_EQ(listening, (std::vector<bool>{true, true}));  // the servers were still there both times
+  EXPECT_EQ(system_.execution, (std::vector<uint32_t>{kAwake, platform::kExecutionContinuous, kAwake,
+                                                      platform::kExecutionContinuous}));
+  EXPECT_EQ(listening, std::vector<bool>(4, true));
   EXPECT_TRUE(holder.AwaitClosed(5000));
   EXPECT_EQ(RegisteredServerCount(), 0u);
 }
