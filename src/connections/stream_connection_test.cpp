@@ -1,8 +1,7 @@
-// The stream protocol on a connection without a transport: requests decoded from any split of
-// bytes, replies of the stated sizes, events framed, unknown codes unanswered, requests of one
-// connection running at once. And its framer: any split of the stream gives the same frames,
-// keep-alives vanish, large frames grow the buffer in two steps, frames over the limit are cut and
-// counted, short lengths end the stream.
+// The stream protocol on a connection without a transport: requests decoded, replies of the stated
+// sizes, events framed, unknown codes unanswered, requests of one connection running at once. And
+// its framer: any split of the stream gives the same frames, keep-alives vanish, large frames grow
+// the buffer in two steps, frames over the limit are cut and counted, short lengths end the stream.
 #include "connections/stream_connection.h"
 
 #include <gtest/gtest.h>
@@ -101,18 +100,6 @@ TEST_F(StreamTest, RequestsAreAnsweredWithTheirCodeTagAndSize) {
     EXPECT_EQ(reply.substr(20), step.tail);
   }
   EXPECT_EQ(c.Count(), 10u);  // nine replies and one event: nothing for code 9
-}
-
-TEST_F(StreamTest, ASplitStreamAndKeepAlivesGiveTheSameRequests) {
-  Recording c;
-  // One request at a time (requests of a connection run at once, so a Close could overtake).
-  for (const std::string& request : {OpenFrame(1, u"loop/dev1"), RequestFrame(SK_FRAME_CLOSE, 2)}) {
-    for (char byte : std::string(4, '\0') + request) c.Feed(std::string(1, byte));
-    EXPECT_EQ(Get32(c.Next(), 16), SKR_SUCCESS);
-  }
-  c.Feed(RequestFrame(SK_FRAME_CLOSE, 3) + RequestFrame(SK_FRAME_CLOSE, 4));  // two in one chunk
-  EXPECT_EQ(Get32(c.Next(), 16), SKR_INVALID_HANDLE);
-  EXPECT_EQ(Get32(c.Next(), 16), SKR_INVALID_HANDLE);
 }
 
 TEST_F(StreamTest, RequestsOfOneConnectionRunAtOnce) {
