@@ -12,7 +12,7 @@
 namespace orlenda::platform {
 namespace {
 
-TEST(CriticalSectionTest, ReentersOnOwnerAndExcludesOthers) {
+TEST(CriticalSectionTest, ReentersOnOwnerAndExcludesOthersAndSerialisesIncrements) {
   CriticalSection cs;
   const auto other_enters = [&] {
     bool got = false;
@@ -31,10 +31,7 @@ TEST(CriticalSectionTest, ReentersOnOwnerAndExcludesOthers) {
   EXPECT_FALSE(other_enters());  // still held after leaving only some of the entries
   cs.Leave();
   EXPECT_TRUE(other_enters());
-}
 
-TEST(CriticalSectionTest, SerialisesIncrementsAcrossThreads) {
-  CriticalSection cs;
   long counter = 0;  // deliberately not atomic: only the lock protects it
   constexpr int kThreads = 4;
   constexpr int kRounds = 20000;
