@@ -66,7 +66,6 @@ int TakeFrame(std::string* bytes, Frame* frame, int* pings) {
     }
     if (length < SK_FRAME_HEADER_SIZE) return -1;
     if (bytes->size() < length) return 0;
-    frame->length = length;
     frame->code = Get32(*bytes, 4);
     frame->tag = Get32(*bytes, 8) | static_cast<uint64_t>(Get32(*bytes, 12)) << 32;
     frame->body = bytes->substr(SK_FRAME_HEADER_SIZE, length - SK_FRAME_HEADER_SIZE);

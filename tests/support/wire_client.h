@@ -12,7 +12,6 @@
 namespace orlenda::testing {
 
 struct Frame {
-  uint32_t length = 0;
   uint32_t code = 0;
   uint64_t tag = 0;
   std::string body;  // everything after the 16-byte header
