@@ -147,8 +147,11 @@ class COpenPort {
   // Under queue_lock().
   LockQueue& queue() { return queue_; }
   CSKConnection*& exclusive_writer() { return exclusive_writer_; }
-  // Under queue_lock(), after every change of the queue.
-  void PublishQueueState() { locked_.store(!queue_.empty() && queue_.front() != nullptr, std::memory_order_release); }
+  // Under queue_lock(), after every change of the queue; true when the locked state changed.
+  bool PublishQueueState() {
+    const bool now = !queue_.empty() && queue_.front() != nullptr;
+    return locked_.exchange(now, std::memory_order_acq_rel) != now;
+  }
   // Whether the queue's first entry is a connection; no lock needed.
   bool locked() const { return locked_.load(std::memory_order_acquire); }
 

@@ -34,6 +34,7 @@
 
 #include "common/result_codes.h"
 #include "ports/open_port.h"
+#include "ports/port_table.h"
 #include "ports/sk_connection.h"
 
 namespace orlenda {
@@ -72,11 +73,14 @@ bool SharesLock(const Queue& queue, Queue::const_iterator at) {
 }
 
 // The lock-queue lock for a scope; the queue's state for the locked-port query is published
-// before it is left.
+// before it is left, and a change of it is told to whoever keeps the system awake: a port also
+// becomes unlocked when its holder closes or its connection is lost, with no unlock request.
 class QueueHold {
  public:
   explicit QueueHold(COpenPort* port) : port_(port), hold_(port->queue_lock()) {}
-  ~QueueHold() { port_->PublishQueueState(); }
+  ~QueueHold() {
+    if (port_->PublishQueueState()) LockStateChangedEvent().Set();
+  }
   QueueHold(const QueueHold&) = delete;
   QueueHold& operator=(const QueueHold&) = delete;
 

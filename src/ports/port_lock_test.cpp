@@ -85,6 +85,13 @@ TEST_F(LockTest, AdmissionAndHandOverTellEveryMemberInArrivalOrder) {
   EXPECT_TRUE(LockStateChangedEvent().Wait(0));
   EXPECT_FALSE(b.lock_granted() || c.lock_granted());
   EXPECT_FALSE(PortTable::IsAnyPortLocked());
+
+  // A holder that closes unlocks the port without a request, and that is told as well.
+  ASSERT_EQ(Lock(c), SKR_SUCCESS);
+  LockStateChangedEvent().Wait(0);
+  ASSERT_EQ(c.Close(), SKR_SUCCESS);
+  EXPECT_TRUE(LockStateChangedEvent().Wait(0));
+  EXPECT_FALSE(PortTable::IsAnyPortLocked());
 }
 
 TEST_F(LockTest, KeyedRequestsShareTheLockWithOtherKeysOnly) {

@@ -129,8 +129,8 @@ uint32_t CSKConnection::Ioctl(uint32_t code, const BlobRef& input, BlobRef* outp
     } else if (value != kLock && value != kUnlock) {
       result = SKR_INVALID_PARAMETER;
     } else {
+      // The lock queue tells the lock-state change itself, whatever changed it.
       result = value == kLock ? PortAccess::Lock(port.get(), this) : PortAccess::UnlockRequest(port.get(), this);
-      LockStateChangedEvent().Set();
     }
   } else if (code == SK_PORT_NOTIFY) {
     PortAccess::SendToOthers(port.get(), this, SK_EVENT_NOTIFY, input);

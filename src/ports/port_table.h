@@ -87,8 +87,9 @@ class PortTable {
   static HeapSet<uint32_t>& closing();
 };
 
-// The process-wide lock-state-changed event (auto-reset): set after every lock and unlock request,
-// so that whoever keeps the system awake re-reads IsAnyPortLocked.
+// The process-wide lock-state-changed event (auto-reset): set every time a port becomes locked or
+// unlocked, by a lock or unlock request or because its holder closed or lost its connection, so
+// that whoever keeps the system awake re-reads IsAnyPortLocked.
 platform::Event& LockStateChangedEvent();
 
 }  // namespace orlenda

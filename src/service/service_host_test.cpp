@@ -229,25 +229,31 @@ TEST_F(ServiceStartTest, ALooserDataFolderIsTakenOver) {
   EXPECT_TRUE(trusted);
 }
 
-// Locked, unlocked, locked again, and the stop lets the machine sleep while the servers are still
-// there (each change is seen before the next).
+// Locked, unlocked, locked by another client that then goes away without unlocking, and the stop
+// lets the machine sleep while the servers are still there (each change is seen before the next).
 TEST_F(ServiceStartTest, TheMachineStaysAwakeOnlyWhileAPortIsLockedAndSleepsBeforeTheServersGo) {
   WriteBrokerConfiguration();
   std::vector<bool> listening;
   system_.on_execution_state = [&](uint32_t) { listening.push_back(TcpListens()); };
-  testing::WireClient holder;
+  testing::WireClient holder, leaver;
+  const auto lock = [&](testing::WireClient& client, uint32_t value, uint32_t flags) {
+    ASSERT_EQ(client.Call(testing::IoctlFrame(2, SK_PORT_LOCK, testing::DwordBytes(value))), SKR_SUCCESS);
+    EXPECT_TRUE(system_.Await([&] { return !system_.execution.empty() && system_.execution.back() == flags; }));
+  };
   RunService([&] {
     ASSERT_EQ(holder.ConnectTcp(port_), platform::kErrorSuccess);
     ASSERT_EQ(holder.Call(testing::OpenFrame(1, u"LOOP/1")), SKR_SUCCESS);
-    for (uint32_t lock : {1u, 2u, 1u}) {
-      ASSERT_EQ(holder.Call(testing::IoctlFrame(2, SK_PORT_LOCK, testing::DwordBytes(lock))), SKR_SUCCESS);
-      const uint32_t flags = lock == 1 ? kAwake : platform::kExecutionContinuous;
-      EXPECT_TRUE(system_.Await([&] { return !system_.execution.empty() && system_.execution.back() == flags; }));
-    }
+    lock(holder, 1, kAwake);
+    lock(holder, 2, platform::kExecutionContinuous);
+    ASSERT_EQ(leaver.ConnectTcp(port_), platform::kErrorSuccess);
+    ASSERT_EQ(leaver.Call(testing::OpenFrame(1, u"LOOP/1")), SKR_SUCCESS);
+    lock(leaver, 1, kAwake);
+    leaver.Disconnect();
+    EXPECT_TRUE(system_.Await([&] { return system_.execution.size() == 4; }));
   });
   EXPECT_EQ(system_.execution, (std::vector<uint32_t>{kAwake, platform::kExecutionContinuous, kAwake,
-                                                      platform::kExecutionContinuous}));
-  EXPECT_EQ(listening, std::vector<bool>(4, true));
+                                                      platform::kExecutionContinuous, platform::kExecutionContinuous}));
+  EXPECT_EQ(listening, std::vector<bool>(5, true));
   EXPECT_TRUE(holder.AwaitClosed(5000));
   EXPECT_EQ(RegisteredServerCount(), 0u);
 }
