@@ -85,19 +85,26 @@ inline std::size_t WalkAll(XmlDocument* doc, bool extract) {
   return visited;
 }
 
-// Takes paths back to their elements: from document level, ElementPath of an element leads to an
-// element of the same name (the same one unless names hold path characters).
+inline bool PlainName(const WString& name) { return name.find_first_of(u" =/[]") == WString::npos; }
+
+// Takes paths back to their elements: from document level, ElementPath of an element leads to that
+// element, and the first element's name to an element of that name, unless names hold path
+// characters.
 inline void FindByPaths(XmlDocument* doc) {
   doc->ResetAll();
   if (!doc->FindSibling(WStringView())) return;
   const WString root = doc->ElementName(doc->main_position());
   if (doc->Descend() && doc->FindSibling(WStringView())) {
-    const WString path = doc->ElementPath(doc->main_position());
+    const auto child = doc->main_position();
+    const bool plain = PlainName(root) && PlainName(doc->ElementName(child));
+    const WString path = doc->ElementPath(child);
     doc->ResetAll();
-    (void)doc->FindSibling(View(path));
+    const bool found = doc->FindSibling(View(path));
+    if (plain) Check(found && doc->main_position() == child, "a path leads back to its element");
   }
   doc->ResetAll();
-  (void)doc->FindSibling(View(root));
+  const bool found = doc->FindSibling(View(root));
+  if (PlainName(root)) Check(found && doc->ElementName(doc->main_position()) == root, "a name finds its element");
 }
 
 }  // namespace orlenda::fuzz
