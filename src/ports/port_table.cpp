@@ -75,18 +75,15 @@ void PortTable::CreateLock() { g_table_lock.emplace(); }
 
 void PortTable::DeleteLock() { g_table_lock.reset(); }
 
-PortRef PortTable::Find(uint32_t number) {
-  platform::ScopedLock hold(lookup_lock());
-  auto found = map().find(number);
-  if (found == map().end() || found->second->opening_.load(std::memory_order_acquire)) return PortRef();
-  found->second->AddRef();
-  return PortRef::Adopt(found->second);
-}
+PortRef PortTable::Find(uint32_t number) { return Lookup(number, /*opening_too=*/false); }
 
-PortRef PortTable::FindReserved(uint32_t number) {
+PortRef PortTable::FindReserved(uint32_t number) { return Lookup(number, /*opening_too=*/true); }
+
+PortRef PortTable::Lookup(uint32_t number, bool opening_too) {
   platform::ScopedLock hold(lookup_lock());
   auto found = map().find(number);
   if (found == map().end()) return PortRef();
+  if (!opening_too && found->second->opening_.load(std::memory_order_acquire)) return PortRef();
   found->second->AddRef();
   return PortRef::Adopt(found->second);
 }

@@ -82,6 +82,7 @@ class PortTable {
   static platform::CriticalSection& lookup_lock();
   // Whether `port` is in the table and open (not closing, not still opening).
   static bool IsPublished(const COpenPort* port);
+  static PortRef Lookup(uint32_t number, bool opening_too);
   static Map& map();
   // Numbers out of the table whose stack's Close has not returned yet; under the port-table lock.
   static HeapSet<uint32_t>& closing();
