@@ -20,6 +20,8 @@ data=$WINEPREFIX/drive_c/ProgramData/Morvane/Orlenda
 
 fail() {
   echo "FAIL: $*"
+  [ -n "$keeper" ] && ! kill -0 "$keeper" 2>/dev/null && echo "(the process that keeps Wine's services up had ended)"
+  sleep 0.3  # the log service writes its file every 100 ms
   echo "--- log service file (end)"
   tail -n 30 "$data/OrlendaLog.log" 2>/dev/null
   exit 1
@@ -40,9 +42,12 @@ await_state() {  # service, state number, seconds
 
 [ -x "$native_ctl" ] || fail "the native orlendactl ($native_ctl) is not built: build the native preset first"
 run cmd /c exit 0 >/dev/null  # makes the fresh prefix (about ten seconds)
-# Wine ends its services with the last ordinary process of the prefix: one waits meanwhile.
-"$wine_run" cmd /c "ping -n 3600 127.0.0.1 >nul" >/dev/null 2>&1 &
+# Wine ends its services with the last ordinary process of the prefix: one waits meanwhile, for a
+# line on a pipe that this script holds open and never writes (it ends when the script does).
+mkfifo "$WINEPREFIX/keeper"
+"$wine_run" cmd /c "set /p line=" <"$WINEPREFIX/keeper" >/dev/null 2>&1 &
 keeper=$!
+exec 3>"$WINEPREFIX/keeper"
 
 run "$orlendalog" -install || fail "orlendalog -install"
 run "$orlenda" -install || fail "orlenda -install"
@@ -68,8 +73,9 @@ await_state Orlenda 1 30 || fail "Orlenda did not stop: $(run sc query Orlenda)"
 [ "$(field Orlenda WIN32_EXIT_CODE)" = 0 ] || fail "Orlenda stopped with an error: $(run sc query Orlenda)"
 
 # Exit codes reach Linux cut to 8 bits: 1073 (the service exists) as 49, 1077 as 53.
-run "$orlenda" -install >/dev/null
-[ $? -eq $((1073 % 256)) ] || fail "a second install did not fail with the existing-service error"
+out=$(run "$orlenda" -install)
+code=$?
+[ $code -eq $((1073 % 256)) ] || fail "a second install did not fail with the existing-service error (exit $code): $out"
 
 # A configuration other users may write is refused (Wine shows the Unix mode as the file's DACL).
 chmod o+w "$data/Orlenda.configuration"
