@@ -20,24 +20,25 @@ std::filesystem::path FreshFolder(const char* name) {
   return folder;
 }
 
+// Lines of 20 bytes, five to a file of 100: the current file and `keep` old ones hold the newest
+// 5 * (keep + 1) lines, each file whole; with none kept the file starts over.
 TEST(RotatingFile, RotatesAtTheLimitAndKeepsTheNewestLinesWhole) {
-  const std::filesystem::path folder = FreshFolder("keep2");
-  RotatingFile file;
-  ASSERT_TRUE(file.Open(folder, "Test", 100, 2));
-  // 30 lines of 20 bytes: five to a file, so the current file and two old ones hold the last 15.
-  std::string expected;
-  for (int i = 0; i < 30; ++i) {
-    char line[32];
-    ASSERT_EQ(std::snprintf(line, sizeof line, "line %03d ----------\n", i), 20);
-    ASSERT_TRUE(file.Append(line));
-    if (i >= 15) expected += line;
-  }
-  ASSERT_TRUE(file.Flush());
-  EXPECT_FALSE(std::filesystem::exists(folder / "Test.3.log"));
-  const std::string kept = ReadBytes(folder / "Test.2.log") + ReadBytes(folder / "Test.1.log") + ReadBytes(folder / "Test.log");
-  EXPECT_EQ(kept, expected);
-  for (const char* name : {"Test.log", "Test.1.log", "Test.2.log"}) {
-    EXPECT_LE(std::filesystem::file_size(folder / name), 100u) << name;
+  for (int keep : {0, 2}) {
+    const std::filesystem::path folder = FreshFolder("keep");
+    RotatingFile file;
+    ASSERT_TRUE(file.Open(folder, "Test", 100, keep));
+    std::string expected;
+    for (int i = 0; i < 30; ++i) {
+      char line[32];
+      ASSERT_EQ(std::snprintf(line, sizeof line, "line %03d ----------\n", i), 20);
+      ASSERT_TRUE(file.Append(line));
+      if (i >= 25 - 5 * keep) expected += line;
+    }
+    ASSERT_TRUE(file.Flush());
+    std::string kept;
+    for (int n = keep; n >= 0; --n) kept += ReadBytes(folder / (n ? "Test." + std::to_string(n) + ".log" : "Test.log"));
+    EXPECT_EQ(kept, expected) << keep;
+    EXPECT_FALSE(std::filesystem::exists(folder / ("Test." + std::to_string(keep + 1) + ".log"))) << keep;
   }
 }
 
@@ -65,17 +66,6 @@ TEST(RotatingFile, AppendsToAnExistingFileAndGivesAnOversizedLineAFileOfItsOwn) 
   ASSERT_TRUE(file.Flush());
   EXPECT_EQ(ReadBytes(folder / "Test.1.log"), big + "\n");
   EXPECT_EQ(ReadBytes(folder / "Test.log"), "after\n");
-}
-
-TEST(RotatingFile, KeepZeroStartsOver) {
-  const std::filesystem::path folder = FreshFolder("keep0");
-  RotatingFile file;
-  ASSERT_TRUE(file.Open(folder, "Test", 10, 0));
-  ASSERT_TRUE(file.Append("12345678\n"));
-  ASSERT_TRUE(file.Append("abcdefgh\n"));
-  ASSERT_TRUE(file.Flush());
-  EXPECT_EQ(ReadBytes(folder / "Test.log"), "abcdefgh\n");
-  EXPECT_FALSE(std::filesystem::exists(folder / "Test.1.log"));
 }
 
 }  // namespace
