@@ -34,6 +34,9 @@ class PropertyStoreTest : public ::testing::Test {
     std::filesystem::remove(FsPath(probe.file_path() + u".bad"));
     return name;
   }
+
+  WString value_;  // what the last read found
+  uint32_t number_ = 0;
 };
 
 TEST_F(PropertyStoreTest, NestedGroupsAreCreatedAndWrittenAtOnce) {
@@ -47,9 +50,8 @@ TEST_F(PropertyStoreTest, NestedGroupsAreCreatedAndWrittenAtOnce) {
 
   ASSERT_TRUE(store.SetString(u"A/B/C", u"value <&>"));
   CPropertyHandler reread(name);
-  WString value;
-  ASSERT_TRUE(reread.GetString(u"/A//B/C/", &value));
-  EXPECT_EQ(value, u"value <&>");
+  ASSERT_TRUE(reread.GetString(u"/A//B/C/", &value_));
+  EXPECT_EQ(value_, u"value <&>");
   HeapVector<WString> groups;
   reread.EnumerateGroups(u"A", &groups);
   ASSERT_EQ(groups.size(), 1u);
@@ -62,18 +64,16 @@ TEST_F(PropertyStoreTest, NestedGroupsAreCreatedAndWrittenAtOnce) {
 TEST_F(PropertyStoreTest, TypedValuesAndConflicts) {
   CPropertyHandler store(FreshName());
   ASSERT_TRUE(store.SetNumber(u"TCP_PING_INTERVAL", 500));
-  uint32_t number = 0;
-  ASSERT_TRUE(store.GetNumber(u"TCP_PING_INTERVAL", &number));
-  EXPECT_EQ(number, 500u);
+  ASSERT_TRUE(store.GetNumber(u"TCP_PING_INTERVAL", &number_));
+  EXPECT_EQ(number_, 500u);
   // A value of another type is not found, and cannot be overwritten: the file stays as it was.
   ASSERT_TRUE(store.SetString(u"port/PortType", u"12"));
-  EXPECT_FALSE(store.GetNumber(u"port/PortType", &number));
+  EXPECT_FALSE(store.GetNumber(u"port/PortType", &number_));
   const std::string before = ReadBytes(store.file_path());
   EXPECT_FALSE(store.SetNumber(u"port/PortType", 5));
   EXPECT_EQ(ReadBytes(store.file_path()), before);
-  WString value;
-  ASSERT_TRUE(store.GetString(u"port/PortType", &value));
-  EXPECT_EQ(value, u"12");
+  ASSERT_TRUE(store.GetString(u"port/PortType", &value_));
+  EXPECT_EQ(value_, u"12");
 
   // Numbers stop at the first non-digit and saturate, as a hand-edited file may hold.
   const std::string edited_file =
@@ -83,8 +83,8 @@ TEST_F(PropertyStoreTest, TypedValuesAndConflicts) {
   CPropertyHandler edited(reinterpret_cast<const uint8_t*>(edited_file.data()), edited_file.size());
   const std::pair<const char16_t*, uint32_t> numbers[] = {{u"a", 12}, {u"b", 4294967295u}, {u"c", 0}};
   for (const auto& [id, expected] : numbers) {
-    ASSERT_TRUE(edited.GetNumber(id, &number));
-    EXPECT_EQ(number, expected);
+    ASSERT_TRUE(edited.GetNumber(id, &number_));
+    EXPECT_EQ(number_, expected);
   }
 
   BlobRef big = BlobRef::Adopt(BlobCreate(5000));
@@ -105,11 +105,10 @@ TEST_F(PropertyStoreTest, DeleteTakesThePropertyBeforeTheGroup) {
   ASSERT_TRUE(store.SetString(u"x", u"property"));
   ASSERT_TRUE(store.SetString(u"x/inner", u"in the group"));
   ASSERT_TRUE(store.Delete(u"x"));
-  WString value;
-  EXPECT_FALSE(store.GetString(u"x", &value));
-  ASSERT_TRUE(store.GetString(u"x/inner", &value));
+  EXPECT_FALSE(store.GetString(u"x", &value_));
+  ASSERT_TRUE(store.GetString(u"x/inner", &value_));
   ASSERT_TRUE(store.Delete(u"x"));  // now the group, with everything in it
-  EXPECT_FALSE(store.GetString(u"x/inner", &value));
+  EXPECT_FALSE(store.GetString(u"x/inner", &value_));
   EXPECT_FALSE(store.Delete(u"x"));
 }
 
@@ -127,13 +126,12 @@ TEST_F(PropertyStoreTest, ExportReplaceAndImportGroups) {
             u"<property id=\"b\" type=\"number\" value=\"2\"/></xmlroot>");
 
   ASSERT_TRUE(store.ReplaceGroup(u"Q/R", View(xml)));
-  uint32_t number = 0;
-  ASSERT_TRUE(store.GetNumber(u"Q/R/b", &number));
-  EXPECT_EQ(number, 2u);
+  ASSERT_TRUE(store.GetNumber(u"Q/R/b", &number_));
+  EXPECT_EQ(number_, 2u);
   // The content is what the parse took for it, whatever the root's name holds.
   ASSERT_TRUE(store.ReplaceGroup(u"S", u"<r\"><property id=\"z\" type=\"number\" value=\"7\"/></r\">"));
-  ASSERT_TRUE(store.GetNumber(u"S/z", &number));
-  EXPECT_EQ(number, 7u);
+  ASSERT_TRUE(store.GetNumber(u"S/z", &number_));
+  EXPECT_EQ(number_, 7u);
 
   ASSERT_TRUE(store.ImportProperties(
       u"<xmlroot><property id=\"ConfigurationPath\" type=\"string\" value=\"/P/\"/>"
@@ -189,13 +187,12 @@ TEST_F(PropertyStoreTest, RefusedChangesLeaveNoTrace) {
 TEST_F(PropertyStoreTest, PropertiesInRequestTexts) {
   WString xml = u"<xmlroot><property id=\"PortName\" type=\"string\" value=\"COM&amp;1\"/>"
                 u"<property id=\"PortType\" type=\"string\" value=\"T\"/></xmlroot>";
-  WString value;
-  ASSERT_TRUE(CPropertyHandler::FindPropertyInText(View(xml), u"PortName", &value));
-  EXPECT_EQ(value, u"COM&1");
-  EXPECT_FALSE(CPropertyHandler::FindPropertyInText(View(xml), u"Missing", &value));
+  ASSERT_TRUE(CPropertyHandler::FindPropertyInText(View(xml), u"PortName", &value_));
+  EXPECT_EQ(value_, u"COM&1");
+  EXPECT_FALSE(CPropertyHandler::FindPropertyInText(View(xml), u"Missing", &value_));
   ASSERT_TRUE(CPropertyHandler::RemovePropertyFromText(&xml, u"PortName"));
-  EXPECT_FALSE(CPropertyHandler::FindPropertyInText(View(xml), u"PortName", &value));
-  ASSERT_TRUE(CPropertyHandler::FindPropertyInText(View(xml), u"PortType", &value));
+  EXPECT_FALSE(CPropertyHandler::FindPropertyInText(View(xml), u"PortName", &value_));
+  ASSERT_TRUE(CPropertyHandler::FindPropertyInText(View(xml), u"PortType", &value_));
   EXPECT_FALSE(CPropertyHandler::RemovePropertyFromText(&xml, u"PortName"));
 }
 
@@ -205,8 +202,7 @@ TEST_F(PropertyStoreTest, UnusableFileStaysUntilTheFirstChangeThenIsKeptAsBad) {
   const std::string broken = "this is not XML <<<";
   WriteBytes(path, broken);
   CPropertyHandler store(name);
-  WString value;
-  EXPECT_FALSE(store.GetString(u"anything", &value));
+  EXPECT_FALSE(store.GetString(u"anything", &value_));
   EXPECT_EQ(ReadBytes(path), broken);  // untouched before any change
   EXPECT_FALSE(std::filesystem::exists(FsPath(path + u".bad")));
   // A save that fails (its temporary file cannot be written) leaves the unusable file in place.
@@ -219,8 +215,8 @@ TEST_F(PropertyStoreTest, UnusableFileStaysUntilTheFirstChangeThenIsKeptAsBad) {
   ASSERT_TRUE(store.SetString(u"k", u"v"));
   EXPECT_EQ(ReadBytes(path + u".bad"), broken);
   CPropertyHandler reread(name);
-  ASSERT_TRUE(reread.GetString(u"k", &value));
-  EXPECT_EQ(value, u"v");
+  ASSERT_TRUE(reread.GetString(u"k", &value_));
+  EXPECT_EQ(value_, u"v");
 }
 
 // Merging settings documents. With no log service running, every trace line is counted as lost,

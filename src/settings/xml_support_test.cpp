@@ -51,14 +51,11 @@ TEST(XmlEscape, UnescapeTable) {
     const char16_t* in;
     const char16_t* out;
   } cases[] = {
-      {u"&lt;&amp;&gt;&apos;&quot;", u"<&>'\""},
-      {u"x&#65;y&#x41;z&#x4a;", u"xAyAzJ"},
+      {u"&lt;&amp;&gt;&apos;&quot;", u"<&>'\""}, {u"x&#65;y&#x41;z&#x4a;", u"xAyAzJ"}, {u"&#xFFFF;", u"\uFFFF"},
       {u"&#x1F600;", u"\U0001F600"},  // above U+FFFF: a surrogate pair
       {u"&#123456;", u"\U0001E240"},  // six digits are the most that fit before the ";"
-      {u"&#xFFFF;", u"\uFFFF"},
       // After a literal "&" decoding goes on with the very next character.
-      {u"&&lt;", u"&<"},
-      {u"&#&#65;", u"&#A"},
+      {u"&&lt;", u"&<"}, {u"&#&#65;", u"&#A"},
   };
   for (const auto& c : cases) EXPECT_EQ(UnescapeXml(c.in), W(c.out)) << U8(W(c.in));
   for (const char16_t* kept : {u"&#0;", u"&#;", u"&foo;", u"&x65;", u"&LT;", u"&#12345678;", u"&#1234567;",
@@ -72,10 +69,9 @@ TEST(XmlEscape, UnescapeTable) {
 }
 
 TEST(XmlEscape, CdataAndComment) {
-  EXPECT_EQ(CdataSection(u"a]]>b"), W(u"<![CDATA[a]]]]><![CDATA[>b]]>"));
-  EXPECT_EQ(CdataSection(u"]]>]]>"), W(u"<![CDATA[]]]]><![CDATA[>]]]]><![CDATA[>]]>"));
-  EXPECT_EQ(CdataSection(u"a]]b>"), W(u"<![CDATA[a]]b>]]>"));
-  EXPECT_EQ(CdataSection(u""), W(u"<![CDATA[]]>"));
+  const char16_t* cases[][2] = {{u"a]]>b", u"<![CDATA[a]]]]><![CDATA[>b]]>"}, {u"a]]b>", u"<![CDATA[a]]b>]]>"},
+                                 {u"]]>]]>", u"<![CDATA[]]]]><![CDATA[>]]]]><![CDATA[>]]>"}, {u"", u"<![CDATA[]]>"}};
+  for (const auto& c : cases) EXPECT_EQ(CdataSection(c[0]), W(c[1])) << U8(W(c[0]));
   EXPECT_EQ(CommentText(u" note "), W(u"<!-- note -->"));
 }
 
@@ -149,10 +145,9 @@ TEST(Base64, DecodingIsLenientAndBounded) {
   };
   for (const auto& c : cases) EXPECT_EQ(Decode(c.text, c.room), c.bytes) << U8(W(c.text));
   // The size query counts the text as given, line breaks included.
-  EXPECT_EQ(DecodeBase64(u"", nullptr, 0), 3u);
-  EXPECT_EQ(DecodeBase64(u"Zm9vYmFy", nullptr, 0), 9u);
-  EXPECT_EQ(DecodeBase64(u"\r\nZm9vYmFy", nullptr, 0), 9u);
-  EXPECT_EQ(DecodeBase64(u"\r\nZm9vYmFy\r\n", nullptr, 0), 12u);
+  const std::pair<const char16_t*, std::size_t> rooms[] = {
+      {u"", 3}, {u"Zm9vYmFy", 9}, {u"\r\nZm9vYmFy", 9}, {u"\r\nZm9vYmFy\r\n", 12}};
+  for (const auto& [text, room] : rooms) EXPECT_EQ(DecodeBase64(text, nullptr, 0), room) << U8(W(text));
 }
 
 // ---- files ------------------------------------------------------------------------------------
