@@ -149,23 +149,16 @@ TEST_F(PropertyStoreTest, ExportReplaceAndImportGroups) {
 // found the problem: a later unrelated save must not write half of it out.
 TEST_F(PropertyStoreTest, RefusedChangesLeaveNoTrace) {
   const struct {
-    const char* what;
-    bool (*change)(CPropertyHandler*);
+    const char16_t* group;  // replaced by the text; nullptr: the text is imported
+    const char16_t* text;
   } cases[] = {
-      {"import of a property that cannot be inserted, after a same-named one would give way",
-       [](CPropertyHandler* s) {
-         return s->ImportProperties(
-             u"<xmlroot><property id=\"a\" type=\"string\" value=\"new\"><x></property></xmlroot>");
-       }},
-      {"second of two imported properties refused",
-       [](CPropertyHandler* s) {
-         return s->ImportProperties(
-             u"<xmlroot><property id=\"ConfigurationPath\" type=\"string\" value=\"g/h\"/>"
-             u"<property id=\"b\" type=\"string\" value=\"2\"/>"
-             u"<property id=\"a\" type=\"string\" value=\"new\"><x></property></xmlroot>");
-       }},
-      {"replace by unusable content in groups that do not exist yet",
-       [](CPropertyHandler* s) { return s->ReplaceGroup(u"new/group", u"<r><a></r>"); }},
+      // A property that cannot be inserted, after a same-named one would give way; the second of two.
+      {nullptr, u"<xmlroot><property id=\"a\" type=\"string\" value=\"new\"><x></property></xmlroot>"},
+      {nullptr, u"<xmlroot><property id=\"ConfigurationPath\" type=\"string\" value=\"g/h\"/>"
+                u"<property id=\"b\" type=\"string\" value=\"2\"/>"
+                u"<property id=\"a\" type=\"string\" value=\"new\"><x></property></xmlroot>"},
+      // Unusable content for groups that do not exist yet.
+      {u"new/group", u"<r><a></r>"},
   };
   auto fill = [](CPropertyHandler* s) { return s->SetString(u"a", u"old") && s->SetNumber(u"g/n", 1); };
   for (const auto& c : cases) {
@@ -173,14 +166,15 @@ TEST_F(PropertyStoreTest, RefusedChangesLeaveNoTrace) {
     ASSERT_TRUE(fill(&store));
     const WString text = store.document().GetText();
     const std::string file = ReadBytes(store.file_path());
-    EXPECT_FALSE(c.change(&store)) << c.what;
-    EXPECT_EQ(U8(store.document().GetText()), U8(text)) << c.what;
-    EXPECT_EQ(ReadBytes(store.file_path()), file) << c.what;
+    const std::string what = U8(c.text);
+    EXPECT_FALSE(c.group ? store.ReplaceGroup(c.group, c.text) : store.ImportProperties(c.text)) << what;
+    EXPECT_EQ(U8(store.document().GetText()), U8(text)) << what;
+    EXPECT_EQ(ReadBytes(store.file_path()), file) << what;
     // The next save writes no leftover: the store is what one that never saw the request holds.
     CPropertyHandler untouched;
     ASSERT_TRUE(fill(&untouched));
     for (CPropertyHandler* s : {&store, &untouched}) ASSERT_TRUE(s->SetString(u"other", u"x"));
-    EXPECT_EQ(U8(store.document().GetText()), U8(untouched.document().GetText())) << c.what;
+    EXPECT_EQ(U8(store.document().GetText()), U8(untouched.document().GetText())) << what;
   }
 }
 

@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "common/log_format.h"
@@ -18,35 +16,11 @@ namespace {
 WString W(const char16_t* s) { return WString(s); }
 std::string U8(const WString& s) { return std::string(WideToUtf8(View(s)).c_str()); }
 
-// One element as the index sees it: offset, start tag and total length, ill-formed flag, then
-// parent, first child, next and previous sibling as positions in document order (-1: none, -2: a
-// link out of the tree), so that two indexes built in different ways can be compared.
-using Snapshot = std::array<long long, 8>;
-
-using testing::DocumentOrder;
-
-std::vector<Snapshot> TakeSnapshot(const XmlDocument& doc) {
-  const std::vector<XmlDocument::ElementId> order = DocumentOrder(doc);
-  std::unordered_map<XmlDocument::ElementId, long long> position{{0, -1}};
-  for (std::size_t i = 0; i < order.size(); ++i) position[order[i]] = static_cast<long long>(i);
-  auto ordinal = [&](XmlDocument::ElementId id) { return position.count(id) ? position[id] : -2; };
-  std::vector<Snapshot> out;
-  for (XmlDocument::ElementId id : order) {
-    const auto links = doc.Links(id);
-    out.push_back({static_cast<long long>(doc.ElementRange(id).offset),
-                   static_cast<long long>(doc.StartTagRange(id).length),
-                   static_cast<long long>(doc.ElementRange(id).length), doc.IsIllFormed(id),
-                   ordinal(links.parent), ordinal(links.first_child), ordinal(links.next_sibling),
-                   ordinal(links.prev_sibling)});
-  }
-  return out;
-}
-
 // The edited document's index must be what a fresh parse of its text gives.
 void ExpectSameAsReparse(const XmlDocument& doc, const std::string& step) {
   XmlDocument fresh;
   fresh.ParseText(View(doc.GetText()));
-  EXPECT_TRUE(TakeSnapshot(doc) == TakeSnapshot(fresh)) << step << ":\n" << U8(doc.GetText());
+  EXPECT_TRUE(testing::Snapshot(doc) == testing::Snapshot(fresh)) << step << ":\n" << U8(doc.GetText());
 }
 
 // An edit that must be taken, and the index after it.
@@ -208,7 +182,7 @@ TEST(XmlNavigate, CursorAndPaths) {
   }
   // Every element's path leads back to it.
   doc.ResetAll();
-  for (auto id : DocumentOrder(doc)) {
+  for (auto id : testing::DocumentOrder(doc)) {
     const WString path = doc.ElementPath(id);
     ASSERT_TRUE(doc.FindSibling(path)) << U8(path);
     EXPECT_EQ(doc.main_position(), id) << U8(path);
