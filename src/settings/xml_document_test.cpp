@@ -81,8 +81,8 @@ TEST(XmlParse, FindingsWithOffsets) {
       {u"<a><1/></a>", u"Incorrect tag name character at offset 4", false},
       {u"<a>< b/></a>", u"Incorrect tag name character at offset 4", false},
       {u"<a><!x></a>", u"Incorrect ! tag at offset 3", false},
-      {u"<a><![CDATX[ ]]></a>", u"Incorrect ! tag at offset 3", false},
       {u"<a><!-x--></a>", u"Incorrect comment tag at offset 3", false},
+      {u"<a><![CDATX[ ]]></a>", u"Incorrect ! tag at offset 3", false},
       {u"<a><b></a>", u"End tag 'a' at offset 6 does not match start tag 'b' at offset 3", true},
       {u"<a><b></c></b></a>", u"End tag 'c' at offset 6 does not match start tag 'b' at offset 3", true},
       {u"</x><a/>", u"No start tag for end tag 'x' at offset 0", true},
@@ -98,10 +98,8 @@ TEST(XmlParse, FindingsWithOffsets) {
        u"End tag 'x' at offset 9 does not match start tag 'a' at offset 6, "
        u"End tag 'a' at offset 23 does not match start tag 'c' at offset 20", true},
       {u"<a><!DOCTYPE", u"Doctype at offset 3 unterminated, Element 'a' at offset 0 not ended", false},
-      {u"<!-- only a comment -->", u"No root element", false},
-      {u"  text only  ", u"No root element", false},
-      {u"<a/><b/>", u"Root element has sibling", false},
-      {u"<a/><!-- c --><b></b>", u"Root element has sibling", false},
+      {u"<!-- only a comment -->", u"No root element", false}, {u"  text only  ", u"No root element", false},
+      {u"<a/><b/>", u"Root element has sibling", false}, {u"<a/><!-- c --><b></b>", u"Root element has sibling", false},
       // Accepted: ">" inside quotes, white space in end tags, a declaration with an internal
       // subset that holds ">", processing instructions, text and CDATA at any place.
       {u"<?xml version='1.0'?><!DOCTYPE a [<!ENTITY x '>'>]><a q='>' r=\"/>\">x<![CDATA[<]]></a >", u"", true},
