@@ -7,33 +7,28 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <string>
+#include <system_error>
 
 #include "fuzz/xml_walk.h"
 #include "settings/xml_document.h"
 
 namespace {
 
-// One scratch folder per fuzzing process, removed at exit.
+// One scratch folder per fuzzing process (below $TMPDIR), removed at exit.
 struct Scratch {
-  Scratch() {
-    const char* tmp = std::getenv("TMPDIR");
-    dir = std::string(tmp != nullptr && tmp[0] != 0 ? tmp : "/tmp") + "/orlenda-fuzz-XXXXXX";
-    if (mkdtemp(&dir[0]) == nullptr) orlenda::fuzz::Fail("cannot create a scratch folder");
-    input = dir + "/input.xml";
-    saved = dir + "/saved.xml";
+  Scratch() : dir(std::filesystem::temp_directory_path() / ("orlenda-fuzz-" + std::to_string(getpid()))) {
+    std::filesystem::create_directories(dir);
   }
   ~Scratch() {
-    std::remove(input.c_str());
-    std::remove(saved.c_str());
-    rmdir(dir.c_str());
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
   }
-  std::string dir, input, saved;
+  orlenda::WString Path(const char* name) const { return orlenda::Utf8ToWide((dir / name).string()); }
+  std::filesystem::path dir;
 };
-
-orlenda::WString WidePath(const std::string& path) { return orlenda::Utf8ToWide(path); }
 
 }  // namespace
 
@@ -41,10 +36,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   using namespace orlenda;
   static Scratch scratch;
 
-  FILE* file = std::fopen(scratch.input.c_str(), "wb");
-  if (file == nullptr) fuzz::Fail("cannot write the input file");
-  if (size > 0 && std::fwrite(data, 1, size, file) != size) fuzz::Fail("short write");
-  std::fclose(file);
+  if (!std::ofstream(scratch.dir / "input.xml", std::ios::binary).write(reinterpret_cast<const char*>(data), size)) {
+    fuzz::Fail("cannot write the input file");
+  }
 
   XmlDocument doc;
   const bool well_formed = doc.LoadBytes(data, size);
@@ -52,15 +46,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   fuzz::WalkAll(&doc, false);
 
   XmlDocument from_file;
-  fuzz::Check(from_file.LoadFile(WidePath(scratch.input)) == well_formed, "file: same result");
+  fuzz::Check(from_file.LoadFile(scratch.Path("input.xml")) == well_formed, "file: same result");
   fuzz::Check(from_file.GetText() == doc.GetText(), "file: same text");
   fuzz::Check(from_file.GetReport() == report, "file: same report");
   fuzz::Check(from_file.flags() == doc.flags(), "file: same flags");
   if (size % 8 != 0) return 0;
 
-  fuzz::Check(doc.SaveFile(WidePath(scratch.saved)), "save to the scratch folder");
+  fuzz::Check(doc.SaveFile(scratch.Path("saved.xml")), "save to the scratch folder");
   XmlDocument again;
-  (void)again.LoadFile(WidePath(scratch.saved));
+  (void)again.LoadFile(scratch.Path("saved.xml"));
   fuzz::Check(again.GetText() == doc.GetText(), "a saved document reads back as the same text");
   fuzz::Check(again.flags() == doc.flags(), "a saved document keeps its encoding");
   return 0;
