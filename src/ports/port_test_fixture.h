@@ -54,9 +54,6 @@ inline WString GetProperty(const WString& path) {
   return value;
 }
 
-// What the test modules recorded since the last ClearModuleCalls ("" when nothing).
-inline std::u16string ModuleCalls() { return testing::RecordedCalls(); }
-inline void ClearModuleCalls() { testing::ClearRecordedCalls(); }
 
 inline std::size_t CountOf(const std::u16string& text, const std::u16string& part) {
   std::size_t count = 0;
@@ -158,7 +155,7 @@ class PortTest : public StoreTest {
          {u"loop/dev1", u"loop/dev2", u"loop/dev3", u"plain/dev1", u"plain/dev2", u"mixed/dev1", u"mixed/dev2"}) {
       ASSERT_TRUE(SetProperty(WString(member) + u"/model", u"any"));
     }
-    ClearModuleCalls();
+    testing::ClearRecordedCalls();
   }
   void TearDown() override {
     // Every test closes what it opened: nothing may be left behind.
