@@ -141,28 +141,21 @@ TEST_F(PortStackTest, ListingIgnoresConditionsAndSkipsUnknownNames) {
 // layers is checked on plain tables below.
 void SKEIN_CALL CallerEvent(uint32_t, uint32_t, SkBlob* data) { SkBlobRelease(data); }
 
-TEST_F(PortStackTest, OpenLinksTheLayersTopToBottom) {
-  SkComponentTable table{};
-  table.Event = CallerEvent;
-  ASSERT_EQ(OpenStack(4, u"three/p1", &table), SKR_SUCCESS);
-  EXPECT_EQ(Recorded(), u"test_a:open:4;test_b:open:4;test_c:open:4;");
-  // The caller now talks to the top component; its own event entry stays.
-  ExpectDownward(table, Component(u"test_a")->table());
-  EXPECT_EQ(table.Event, CallerEvent);
-  CloseAll(4);
-}
-
-TEST_F(PortStackTest, SlashesAtEitherEndSelectTheSameStack) {
+// The layers open top to bottom, and the caller then talks to the top one.
+TEST_F(PortStackTest, OpenLinksTheLayersAndSlashesAtEitherEndSelectTheSameStack) {
   ASSERT_TRUE(SetLoadedString(u"pos/dev1/model", u"X1"));
   uint32_t port = 10;
   for (const char16_t* path : {u"pos/dev1", u"/pos/dev1", u"pos/dev1/", u"//pos/dev1//"}) {
     SCOPED_TRACE(Narrow(path));
     testing::ClearRecordedCalls();
     SkComponentTable table{};
+    table.Event = CallerEvent;
     ASSERT_EQ(OpenStack(port, path, &table), SKR_SUCCESS);
     // The condition was read at the stripped path: test_b is part of every one of them.
     const std::u16string n(1, char16_t(u'0' + port % 10));
     EXPECT_EQ(Recorded(), u"test_a:open:1" + n + u";test_b:open:1" + n + u";test_c:open:1" + n + u";");
+    ExpectDownward(table, Component(u"test_a")->table());
+    EXPECT_EQ(table.Event, CallerEvent);  // the caller's own event entry stays
     CloseAll(port++);
   }
 }
