@@ -122,49 +122,40 @@ TEST_F(ComponentTest, ABareNameIsLookedForBesideTheExecutableOnly) {
   fs::copy_file(module, elsewhere / file, fs::copy_options::overwrite_existing);
   const fs::path before = fs::current_path();
   fs::current_path(elsewhere);
-  {
-    CComponent planted(u"planted", host_);
-    EXPECT_FALSE(planted.IsLoaded());
-  }
+  EXPECT_FALSE(CComponent(u"planted", host_).IsLoaded());
   fs::current_path(before);
   fs::copy_file(module, beside, fs::copy_options::overwrite_existing);
-  {
-    CComponent shipped(u"planted", host_);
-    EXPECT_TRUE(shipped.IsLoaded());
-    shipped.Unload();
-  }
+  EXPECT_TRUE(CComponent(u"planted", host_).IsLoaded());  // and unloaded again with the temporary
   fs::remove(beside);
   fs::remove_all(elsewhere);
 }
 
 TEST_F(ComponentTest, LoadedModuleRunsUntilUnloadWhichEmptiesTheTable) {
-  {
-    CComponent component(W(ORLENDA_TEST_COMPONENT_MODULE), host_);
-    ASSERT_TRUE(component.IsLoaded());
-    EXPECT_TRUE(platform::IsModuleResident(ORLENDA_TEST_COMPONENT_MODULE));
-    EXPECT_EQ(component.Open(9, u"Printer/Main", &kSinkLayer), SKR_SUCCESS);
-    EXPECT_EQ(component.Close(9), SKR_SUCCESS);
-    EXPECT_EQ(component.Close(9), SKR_INVALID_HANDLE);  // the port was forgotten
-    // The module reads its answer through the host table inside Open; a failed open keeps no port.
-    ASSERT_TRUE(testing::SetLoadedNumber(u"/testmodule/test_component/openResult", 0x80000123));
-    EXPECT_EQ(component.Open(4, u"a/b", nullptr), 0x80000123u);
-    EXPECT_EQ(component.Close(4), SKR_INVALID_HANDLE);
+  CComponent component(W(ORLENDA_TEST_COMPONENT_MODULE), host_);
+  ASSERT_TRUE(component.IsLoaded());
+  EXPECT_TRUE(platform::IsModuleResident(ORLENDA_TEST_COMPONENT_MODULE));
+  EXPECT_EQ(component.Open(9, u"Printer/Main", &kSinkLayer), SKR_SUCCESS);
+  EXPECT_EQ(component.Close(9), SKR_SUCCESS);
+  EXPECT_EQ(component.Close(9), SKR_INVALID_HANDLE);  // the port was forgotten
+  // The module reads its answer through the host table inside Open; a failed open keeps no port.
+  ASSERT_TRUE(testing::SetLoadedNumber(u"/testmodule/test_component/openResult", 0x80000123));
+  EXPECT_EQ(component.Open(4, u"a/b", nullptr), 0x80000123u);
+  EXPECT_EQ(component.Close(4), SKR_INVALID_HANDLE);
 
-    component.Unload();
-    EXPECT_FALSE(component.IsLoaded());
-    EXPECT_FALSE(platform::IsModuleResident(ORLENDA_TEST_COMPONENT_MODULE));
-    EXPECT_TRUE(IsEmpty(component.table()));
-    EXPECT_EQ(component.Close(9), SKR_INVALID_PARAMETER);
-    const std::u16string calls =
-        u"test_component:init:0;test_component:open:9;test_component:close:9;test_component:close:9;"
-        u"test_component:open:4;test_component:close:4;test_component:unload:0;";
-    EXPECT_EQ(RecordedCalls(), calls);
-    component.Unload();  // no second UnloadSkeinComponent
-    EXPECT_EQ(RecordedCalls(), calls);
-  }
+  component.Unload();
+  EXPECT_FALSE(component.IsLoaded());
+  EXPECT_FALSE(platform::IsModuleResident(ORLENDA_TEST_COMPONENT_MODULE));
+  EXPECT_TRUE(IsEmpty(component.table()));
+  EXPECT_EQ(component.Close(9), SKR_INVALID_PARAMETER);
+  const std::u16string calls =
+      u"test_component:init:0;test_component:open:9;test_component:close:9;test_component:close:9;"
+      u"test_component:open:4;test_component:close:4;test_component:unload:0;";
+  EXPECT_EQ(RecordedCalls(), calls);
+  component.Unload();  // no second UnloadSkeinComponent
+  EXPECT_EQ(RecordedCalls(), calls);
   // Destroying a component still loaded unloads it.
   testing::ClearRecordedCalls();
-  { CComponent component(W(ORLENDA_TEST_COMPONENT_MODULE), host_); }
+  { CComponent destroyed(W(ORLENDA_TEST_COMPONENT_MODULE), host_); }
   EXPECT_EQ(RecordedCalls(), u"test_component:init:0;test_component:unload:0;");
   EXPECT_FALSE(platform::IsModuleResident(ORLENDA_TEST_COMPONENT_MODULE));
 }
@@ -200,8 +191,8 @@ TEST_F(ComponentTest, ModuleWithOnlyOpenAndCloseRejectsTheRestAndDropsTheirBlobs
 // Each blob entry drops its reference at once and then still reads the blob: only the wrapper's
 // own hold keeps it alive (ASan would see the reuse).
 struct FakeModule {
-  static WString opened_path;
-  static uint64_t refs_seen;
+  static inline WString opened_path;
+  static inline uint64_t refs_seen = 0;
   static void Drop(SkBlob* blob) {
     SkBlobRelease(blob);
     refs_seen = blob != nullptr ? static_cast<uint64_t>(blob->references) : 0;
@@ -224,8 +215,6 @@ struct FakeModule {
   }
   static void SKEIN_CALL Event(uint32_t, uint32_t, SkBlob* data) { Drop(data); }
 };
-WString FakeModule::opened_path;
-uint64_t FakeModule::refs_seen = 0;
 
 TEST_F(ComponentTest, TableWrapperCallsTheCopiedEntriesHoldingTheBlobMeanwhile) {
   using M = FakeModule;

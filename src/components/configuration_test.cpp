@@ -102,9 +102,6 @@ TEST_F(ConfigurationTest, LoadsInFileOrderAndUnloadsInNameOrder) {
   }
   EXPECT_EQ(CConfiguration::FindComponent(u"test_d"), nullptr);
   EXPECT_EQ(CConfiguration::FindComponent(u"TEST_A"), nullptr);  // names compare exactly
-  EXPECT_TRUE(CConfiguration::WithConfiguration([](CPropertyHandler&) { return true; }));
-  EXPECT_TRUE(CConfiguration::host_table()->GetString != nullptr &&
-              CConfiguration::host_table()->EnumeratePort != nullptr);
 
   for (int round = 0; round < 2; ++round) {  // a second Unload finds nothing to do
     CConfiguration::Unload();
