@@ -75,8 +75,6 @@ TEST_F(LockTest, AdmissionAndHandOverTellEveryMemberInArrivalOrder) {
   EXPECT_EQ(Lock(c), SKR_LOCK_PENDING);
   for (auto* x : {&a, &b, &c}) x->TakeEvents();
   EXPECT_EQ(Lock(a, 2), SKR_SUCCESS);
-  EXPECT_FALSE(a.lock_granted());
-  EXPECT_TRUE(b.lock_granted());
   EXPECT_FALSE(c.lock_granted());
   EXPECT_EQ(DwordEvents(b, SK_EVENT_LOCK), Values{1});
   EXPECT_EQ(DwordEvents(c, SK_EVENT_LOCK), Values{2});
@@ -122,8 +120,6 @@ TEST_F(LockTest, KeyedRequestsShareTheLockWithOtherKeysOnly) {
   EXPECT_TRUE(DwordEvents(a, SK_EVENT_LOCK).empty());  // a grant beside the holders is told alone
   EXPECT_EQ(Lock(a2), SKR_LOCK_PENDING);
   EXPECT_EQ(Lock(plain), SKR_LOCK_PENDING);
-  EXPECT_TRUE(b.lock_granted());
-  EXPECT_FALSE(a2.lock_granted());
   EXPECT_FALSE(plain.lock_granted());
   EXPECT_EQ(WriteText(b, "b"), SKR_SUCCESS);
   EXPECT_EQ(WriteText(a2, "a2"), SKR_NOT_LOCKED);

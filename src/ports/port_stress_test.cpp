@@ -141,9 +141,8 @@ TEST_F(PortTest, ManyThreadsOnFewPorts) {
   EXPECT_GE(shared.echoes.load(), shared.writes.load());
 
   EXPECT_FALSE(PortTable::IsAnyPortLocked());
-  EXPECT_EQ(PortTable::Size(), 0u);
-  EXPECT_EQ(COpenPort::LiveCount(), 0);
-  // Every stack instance was closed: the loopback knows none of the numbers any more.
+  // No port record is left (the fixture checks), and every stack instance was closed: the loopback
+  // knows none of the numbers any more.
   CComponent* loopback = CConfiguration::FindComponent(u"loopback");
   ASSERT_NE(loopback, nullptr);
   for (uint32_t number = 1; number <= kThreads; ++number) {
