@@ -39,7 +39,6 @@ void ExpectFullyUnloaded() {
 // A Load that fails says why once, undoes what it loaded and stops there. The service's own version
 // line comes before the first component is tried, and after "no components".
 TEST_F(ConfigurationTest, AFailedLoadUndoesTheComponentsBeforeAndStopsThere) {
-  const std::u16string connect = u"unable to connect to component test_b with filename ";
   const std::u16string none = u"No components configured in Orlenda.configuration";
   const struct {
     const char* what;
@@ -53,12 +52,9 @@ TEST_F(ConfigurationTest, AFailedLoadUndoesTheComponentsBeforeAndStopsThere) {
       {"empty /components/", 1, WString(), nullptr, none, u""},
       {"no filename", 3, WString(), nullptr, u"filename property missing from component test_b",
        u"test_a:init:0;test_a:unload:0;"},
-      {"missing file", 3, W(ORLENDA_TEST_MISSING_MODULE), nullptr, connect + ORLENDA_TEST_MISSING_MODULE,
-       u"test_a:init:0;test_a:unload:0;"},
-      {"no entry point", 3, W(ORLENDA_TEST_NOEXPORT_MODULE), nullptr, connect + ORLENDA_TEST_NOEXPORT_MODULE,
-       u"test_a:init:0;test_a:unload:0;"},
+      // Every way a module fails to connect (the component tests') takes this path.
       {"initialisation refused", 3, W(ORLENDA_TEST_B_MODULE), u"/testmodule/test_b/refuseInit",
-       connect + ORLENDA_TEST_B_MODULE, u"test_a:init:0;test_b:init:0;test_a:unload:0;"},
+       u"unable to connect to component test_b with filename " ORLENDA_TEST_B_MODULE, u"test_a:init:0;test_b:init:0;test_a:unload:0;"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -96,9 +92,7 @@ TEST_F(ConfigurationTest, LoadsInFileOrderAndUnloadsInNameOrder) {
   ASSERT_TRUE(CConfiguration::Load());
   ASSERT_EQ(CConfiguration::components().size(), 3u);
   for (const char16_t* name : {u"test_a", u"test_b", u"test_c"}) {
-    const CComponent* component = CConfiguration::FindComponent(name);
-    ASSERT_NE(component, nullptr);
-    EXPECT_TRUE(component->IsLoaded());
+    EXPECT_NE(CConfiguration::FindComponent(name), nullptr) << testing::Narrow(name);
   }
   EXPECT_EQ(CConfiguration::FindComponent(u"test_d"), nullptr);
   EXPECT_EQ(CConfiguration::FindComponent(u"TEST_A"), nullptr);  // names compare exactly
