@@ -164,7 +164,8 @@ TEST_F(ComponentTest, ModuleWithOnlyOpenAndCloseRejectsTheRestAndDropsTheirBlobs
   ASSERT_TRUE(testing::SetLoadedNumber(u"/testmodule/test_component/openCloseOnly", 1));
   CComponent component(W(ORLENDA_TEST_COMPONENT_MODULE), host_);
   ASSERT_TRUE(component.IsLoaded());
-  EXPECT_TRUE(component.table().Write == nullptr && component.table().Ioctl == nullptr);
+  const SkComponentTable& t = component.table();
+  EXPECT_TRUE(t.Write == nullptr && t.Ioctl == nullptr && t.Event == nullptr);  // the wrapper answers for them
   EXPECT_EQ(component.Open(2, u"p/m", nullptr), SKR_SUCCESS);
   BlobRef mine = BlobRef::Adopt(BlobCopy("abc", 3));
   uint32_t written = 77;
