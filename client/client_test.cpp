@@ -5,9 +5,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -159,7 +157,7 @@ TEST_F(ClientTcpTest, AnIdleClientIsKeptAliveByItsPings) {
   EXPECT_EQ(idle.Close(), SKR_SUCCESS);
 }
 
-TEST_F(ClientTcpTest, ConnectingWhereNobodyListensFails) {
+TEST(ClientApi, ConnectingWhereNobodyListensFailsAndEveryCodeHasItsName) {
   SkClient* client = nullptr;
   const std::string nobody = "127.0.0.1:" + std::to_string(FreeTcpPort());
   EXPECT_EQ(SkConnectTcp(nobody.c_str(), nullptr, &client), SKC_CANNOT_CONNECT);
@@ -169,6 +167,14 @@ TEST_F(ClientTcpTest, ConnectingWhereNobodyListensFails) {
   }
   EXPECT_EQ(client, nullptr);
   EXPECT_EQ(SkOpen(nullptr, "x"), SKC_INVALID_ARGUMENT);
+  // The service's names are printed by orlendactl's tests; the library's own come from a second list.
+  EXPECT_STREQ(SkResultName(SKC_WRONG_THREAD), "SKC_WRONG_THREAD");
+  EXPECT_EQ(SkResultName(0x12345678u), nullptr);
+  EXPECT_EQ(skein::Client::Describe(SKR_NOT_LOCKED), "SKR_NOT_LOCKED (0x80010000)");
+  EXPECT_EQ(skein::Client::Describe(0x80001234u), "0x80001234");
+#define SKEIN_EXPECT_NOT_A_SERVICE_CODE(name, value) EXPECT_NE((value)&0xFFFF0000u, 0x80FE0000u) << #name;
+  SKEIN_RESULT_CODES(SKEIN_EXPECT_NOT_A_SERVICE_CODE)
+#undef SKEIN_EXPECT_NOT_A_SERVICE_CODE
 }
 
 // Against the scripted stand-in: what the client makes of silence, a closed connection and
@@ -223,17 +229,6 @@ const Misbehaviour kMisbehaviours[] = {
 // Numbered as listed; a failure names the misbehaviour.
 INSTANTIATE_TEST_SUITE_P(Replies, HostileServerTest, ::testing::ValuesIn(kMisbehaviours));
 
-TEST(ClientNames, EveryCodeHasItsNameAndTheLibrarysOwnAreDistinct) {
-  // The service's names are printed by orlendactl's tests; the library's own come from a second list.
-  EXPECT_STREQ(SkResultName(SKC_WRONG_THREAD), "SKC_WRONG_THREAD");
-  EXPECT_EQ(SkResultName(0x12345678u), nullptr);
-  EXPECT_EQ(skein::Client::Describe(SKR_NOT_LOCKED), "SKR_NOT_LOCKED (0x80010000)");
-  EXPECT_EQ(skein::Client::Describe(0x80001234u), "0x80001234");
-#define SKEIN_EXPECT_NOT_A_SERVICE_CODE(name, value) EXPECT_NE((value)&0xFFFF0000u, 0x80FE0000u) << #name;
-  SKEIN_RESULT_CODES(SKEIN_EXPECT_NOT_A_SERVICE_CODE)
-#undef SKEIN_EXPECT_NOT_A_SERVICE_CODE
-}
-
 // Many clients over both transports at once, each locking, writing and notifying on ports it
 // shares with others while their events arrive: built to be run under ThreadSanitizer. Every call
 // must get a reply of the service (never one of the library's own failures), a write that went
@@ -246,43 +241,37 @@ class ClientStressTest : public ServedTest {};
 TEST_F(ClientStressTest, SixteenClientsOverBothTransportsAtOnce) {
   Serve(Transport::kTcp);
   Serve(Transport::kLocal);
-  struct Member {
-    skein::Client client;
-    std::atomic<int> events{0};
-  };
-  std::vector<std::unique_ptr<Member>> members;
+  std::vector<std::atomic<int>> events(kClients);
+  std::vector<skein::Client> clients(kClients);
   for (int i = 0; i < kClients; ++i) {
-    members.push_back(std::make_unique<Member>());
-    Member& m = *members.back();
-    m.client.OnEvent([&m](uint32_t, std::string_view) { ++m.events; });
-    const Transport transport = i % 2 == 0 ? Transport::kTcp : Transport::kLocal;
-    ASSERT_EQ(Connect(m.client, transport), SKR_SUCCESS) << i;
-    // Two ports shared by eight clients each; half of them with access keys.
+    skein::Client& client = clients[i];
+    client.OnEvent([&events, i](uint32_t, std::string_view) { ++events[i]; });
+    ASSERT_EQ(Connect(client, i % 2 == 0 ? Transport::kTcp : Transport::kLocal), SKR_SUCCESS) << i;
+    // Two ports shared by eight clients each; a third of them with access keys.
     const std::string port = i % 4 < 2 ? "loop/dev1" : "loop/dev2";
-    ASSERT_EQ(m.client.Open(i % 3 == 0 ? port + "?k" + std::to_string(i) : port), SKR_SUCCESS) << i;
-    ASSERT_EQ(m.client.RegisterCallback(kLoopbackData), SKR_SUCCESS);
-    ASSERT_EQ(m.client.RegisterCallback(SK_EVENT_NOTIFY), SKR_SUCCESS);
+    ASSERT_EQ(client.Open(i % 3 == 0 ? port + "?k" + std::to_string(i) : port), SKR_SUCCESS) << i;
+    ASSERT_EQ(client.RegisterCallback(kLoopbackData), SKR_SUCCESS);
+    ASSERT_EQ(client.RegisterCallback(SK_EVENT_NOTIFY), SKR_SUCCESS);
   }
 
   std::atomic<int> library_failures{0}, short_writes{0}, writes_done{0};
   std::vector<std::thread> threads;
   for (int i = 0; i < kClients; ++i) {
     threads.emplace_back([&, i] {
-      skein::Client& client = members[i]->client;
       const auto check = [&](uint32_t result) {
-        if ((result & 0xFFFF0000u) == 0x80FE0000u) ++library_failures;
+        library_failures += (result & 0xFFFF0000u) == 0x80FE0000u;
         return result;
       };
       for (int round = 0; round < kRounds; ++round) {
-        check(client.Ioctl(SK_PORT_LOCK, skein::Dword(1)));
+        check(clients[i].Ioctl(SK_PORT_LOCK, skein::Dword(1)));
         const std::string data(1 + (i * 31 + round) % 200, static_cast<char>('a' + i));
         uint32_t written = 0;
-        if (check(client.Write(data, &written)) == SKR_SUCCESS) {
+        if (check(clients[i].Write(data, &written)) == SKR_SUCCESS) {
           ++writes_done;
-          if (written != data.size()) ++short_writes;
+          short_writes += written != data.size();
         }
-        check(client.Ioctl(SK_PORT_NOTIFY, "n"));
-        check(client.Ioctl(SK_PORT_LOCK, skein::Dword(2)));
+        check(clients[i].Ioctl(SK_PORT_NOTIFY, "n"));
+        check(clients[i].Ioctl(SK_PORT_LOCK, skein::Dword(2)));
       }
     });
   }
@@ -291,10 +280,10 @@ TEST_F(ClientStressTest, SixteenClientsOverBothTransportsAtOnce) {
   EXPECT_EQ(library_failures, 0);
   EXPECT_EQ(short_writes, 0);
   EXPECT_GT(writes_done, 0);
-  for (auto& m : members) {
+  for (int i = 0; i < kClients; ++i) {
     // Every client hears the notices of the seven others on its port.
-    EXPECT_GE(m->events.load(), kRounds);
-    EXPECT_EQ(m->client.Close(), SKR_SUCCESS);
+    EXPECT_GE(events[i].load(), kRounds);
+    EXPECT_EQ(clients[i].Close(), SKR_SUCCESS);
   }
 }
 

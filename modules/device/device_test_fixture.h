@@ -40,17 +40,6 @@ inline bool WaitUntil(const std::function<bool()>& done) {
   }
 }
 
-// UTF-16 event text (with its terminating NUL) as UTF-8, for messages and checks on ASCII parts.
-inline std::string EventText(const BlobRef& data) {
-  std::string text;
-  for (uint64_t i = 0; i + 1 < data.size(); i += 2) {
-    const unsigned unit = data.data()[i] | (data.data()[i + 1] << 8);
-    if (unit == 0) break;
-    text += unit < 0x80 ? static_cast<char>(unit) : '?';
-  }
-  return text;
-}
-
 // A client of one device port: registered for the device events before it opens, it keeps what
 // arrives in order.
 class DeviceClient {
@@ -115,7 +104,7 @@ class DeviceClient {
     WaitCount(event, 1);
     std::string text;
     for (const auto& e : Events()) {
-      if (e.event == event) text = EventText(e.data);
+      if (e.event == event) text = testing::Narrow(port_testing::Units(e.data).c_str());  // to its NUL
     }
     return text;
   }

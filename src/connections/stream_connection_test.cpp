@@ -80,8 +80,7 @@ TEST_F(StreamTest, RequestsAreAnsweredWithTheirCodeTagAndSize) {
       {RequestFrame(SK_FRAME_CLOSE, 8), SKR_SUCCESS, 20, ""},
   };
   for (const Step& step : steps) {
-    const uint32_t code = Get32(step.request, 4);
-    SCOPED_TRACE(::testing::Message() << "request code " << code);
+    SCOPED_TRACE(::testing::Message() << "request code " << Get32(step.request, 4));
     c.Feed(step.request);
     if (step.reply_size == 0) continue;
     std::string reply = c.Next();
@@ -104,17 +103,18 @@ TEST_F(StreamTest, RequestsAreAnsweredWithTheirCodeTagAndSize) {
 
 TEST_F(StreamTest, RequestsOfOneConnectionRunAtOnce) {
   Recording c;
-  c.Feed(OpenFrame(1, u"mixed/dev1"));
-  ASSERT_EQ(Get32(c.Next(), 16), SKR_SUCCESS);
-  c.Feed(IoctlFrame(2, SK_PORT_LOCK, DwordBytes(1)));
-  ASSERT_EQ(Get32(c.Next(), 16), SKR_SUCCESS);
+  const auto result = [&](const std::string& request) {
+    c.Feed(request);
+    return Get32(c.Next(), 16);
+  };;
+  ASSERT_EQ(result(OpenFrame(1, u"mixed/dev1")), SKR_SUCCESS);
+  ASSERT_EQ(result(IoctlFrame(2, SK_PORT_LOCK, DwordBytes(1))), SKR_SUCCESS);
   // The device holds the write; a later request of the same connection is answered first.
-  c.Feed(IoctlFrame(3, 0x1FFF0003u, DwordBytes(c.port_number())));
-  ASSERT_EQ(Get32(c.Next(), 16), SKR_SUCCESS);
+  ASSERT_EQ(result(IoctlFrame(3, kTestHoldWrites, DwordBytes(c.port_number()))), SKR_SUCCESS);
   c.Feed(WriteFrame(4, "held"));
   c.Feed(IoctlFrame(5, SK_LOCK_STATE));
   EXPECT_EQ(Get32(c.Next(), 8), 5u);
-  c.Feed(IoctlFrame(6, 0x1FFF0003u, DwordBytes(0)));
+  c.Feed(IoctlFrame(6, kTestHoldWrites, DwordBytes(0)));
   std::vector<uint32_t> tags;
   for (int i = 0; i < 2; ++i) tags.push_back(Get32(c.Next(), 8));
   EXPECT_TRUE((tags == std::vector<uint32_t>{4, 6} || tags == std::vector<uint32_t>{6, 4}));

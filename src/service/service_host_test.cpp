@@ -79,12 +79,9 @@ class FakeSystem : public platform::ServiceSystem {
 
   // Waits (bounded) until `done` holds of what was recorded, under the lock.
   bool Await(const std::function<bool()>& done) {
-    for (int i = 0; i < 2000; ++i) {
-      {
-        std::lock_guard<std::mutex> hold(lock);
-        if (done()) return true;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    for (int i = 0; i < 2000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
+      std::lock_guard<std::mutex> hold(lock);
+      if (done()) return true;
     }
     return false;
   }
@@ -192,15 +189,13 @@ class ServiceStartTest : public testing::ConfigurationFixture {
   uint16_t port_ = 0;
 };
 
-TEST_F(ServiceStartTest, AConfigurationThatCannotLoadStopsWithExitCodeThree) {
-  CPropertyHandler store{WString(u"Orlenda.configuration")};  // no components: the load fails
-  ASSERT_TRUE(store.SetString(u"/note", u"empty"));
+// A configuration that cannot load (no components), or that others may change, stops the start.
+TEST_F(ServiceStartTest, AConfigurationThatCannotLoadOrOthersMayWriteStopsWithExitCodeThree) {
+  ASSERT_TRUE(CPropertyHandler{WString(u"Orlenda.configuration")}.SetString(u"/note", u"empty"));
   ServiceHost host(kIdentity, &ServiceStart, system_);
   host.ServiceMain();
   system_.ExpectStoppedAtStart(kStartFailedExitCode);
-}
 
-TEST_F(ServiceStartTest, AConfigurationOthersMayWriteIsRefused) {
   WriteBrokerConfiguration();
   namespace fs = std::filesystem;
   const WString path = testing::StorePath(u"Orlenda.configuration");
@@ -208,7 +203,8 @@ TEST_F(ServiceStartTest, AConfigurationOthersMayWriteIsRefused) {
   bool trusted = true;
   ASSERT_EQ(platform::OnlyTrustedMayChange(path.c_str(), &trusted), 0u);
   if (trusted) GTEST_SKIP() << "this file system cannot make a file writable by others from here";
-  ServiceHost host(kIdentity, &ServiceStart, system_);
+  system_.statuses.clear();
+  system_.events.clear();
   host.ServiceMain();
   system_.ExpectStoppedAtStart(kStartFailedExitCode);
   ASSERT_EQ(system_.events.size(), 1u);

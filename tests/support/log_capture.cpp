@@ -84,15 +84,11 @@ void LogReceiver::Stop(bool deliver_queued) {
 }
 
 std::vector<Bytes> LogReceiver::WaitFor(std::size_t count) {
-  for (int i = 0; i < 500; ++i) {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (records_.size() >= count) return records_;
-    }
-    platform::SleepMs(10);
+  for (int i = 0; i < 500; ++i, platform::SleepMs(10)) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (records_.size() >= count) return records_;
   }
-  std::lock_guard<std::mutex> lock(mutex_);
-  return records_;
+  return Records();
 }
 
 std::vector<Bytes> LogReceiver::Records() {

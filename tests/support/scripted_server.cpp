@@ -4,16 +4,10 @@
 #include "skein/protocol.h"
 
 namespace orlenda::testing {
-namespace {
-
-constexpr uint32_t kLoopback = 0x7F000001u;
-constexpr uint32_t kPollMs = 20;
-
-}  // namespace
 
 ScriptedServer::ScriptedServer(Answer answer) : answer_(std::move(answer)) {
   if (platform::OpenTcpSocket(&listener_) != platform::kErrorSuccess ||
-      platform::BindIpv4(listener_, kLoopback, 0) != platform::kErrorSuccess ||
+      platform::BindIpv4(listener_, 0x7F000001u, 0) != platform::kErrorSuccess ||
       platform::ListenOn(listener_) != platform::kErrorSuccess ||
       platform::SetNonBlocking(listener_) != platform::kErrorSuccess ||
       platform::LocalPort(listener_, &port_) != platform::kErrorSuccess) {
@@ -35,7 +29,7 @@ void ScriptedServer::Serve() {
     platform::SocketWait waits[2] = {{listener_.handle(), true, false, false, false},
                                      {client.handle(), client.is_open(), false, false, false}};
     std::size_t ready = 0;
-    platform::WaitSockets(waits, client.is_open() ? 2 : 1, kPollMs, &ready);
+    platform::WaitSockets(waits, client.is_open() ? 2 : 1, 20, &ready);
     uint32_t peer = 0;
     if (waits[0].readable && platform::AcceptClient(listener_, &client, &peer) == platform::kErrorSuccess) {
       pending.clear();
