@@ -181,17 +181,14 @@ TEST_F(SerialTest, BytesGoBothWaysInOrderAndALargeWriteArrivesWhole) {
 }
 
 TEST_F(SerialTest, AWriteTheDeviceStopsTakingEndsAtTheTimeoutSayingHowMuchWentOut) {
-  struct Case {
-    const char16_t* flow;
-    bool send_xoff;  // else the device merely stops reading
-  };
-  for (const Case& c : {Case{u"XonXoff", true}, Case{u"None", false}}) {
-    SCOPED_TRACE(c.send_xoff);
+  for (const bool send_xoff : {true, false}) {  // the device sends XOFF, or merely stops reading
+    SCOPED_TRACE(send_xoff);
     Pty pty;
     DeviceClient client;
-    OpenOn(pty, client, {{u"SERIAL_FLOW_CONTROL", c.flow}, {u"SERIAL_WRITE_TIMEOUT", u"300"}});
+    OpenOn(pty, client,
+           {{u"SERIAL_FLOW_CONTROL", send_xoff ? u"XonXoff" : u"None"}, {u"SERIAL_WRITE_TIMEOUT", u"300"}});
     std::string probes;  // what went out before the tty took the XOFF
-    if (c.send_xoff) {
+    if (send_xoff) {
       pty.Write("\x13");
       ASSERT_TRUE(WaitUntil([&] {  // the tty has taken the XOFF once a write gets nothing through
         uint32_t probe = 0;
@@ -204,8 +201,8 @@ TEST_F(SerialTest, AWriteTheDeviceStopsTakingEndsAtTheTimeoutSayingHowMuchWentOu
     uint32_t written = 0xFFFFFFFFu;
     EXPECT_EQ(client.Write(data, &written), SKR_DEVICE_TIMEOUT);
     ASSERT_LT(written, data.size());
-    EXPECT_TRUE(c.send_xoff || written > 0) << "the terminal's buffer takes a part before it fills";
-    if (c.send_xoff) pty.Write("\x11");
+    EXPECT_TRUE(send_xoff || written > 0) << "the terminal's buffer takes a part before it fills";
+    if (send_xoff) pty.Write("\x11");
     // What the write reported is exactly what the device gets, and the port goes on working.
     EXPECT_EQ(pty.Read(probes.size() + written + 1, 300), probes + std::string(written, 'd'));
     EXPECT_EQ(client.Write("next", nullptr), SKR_SUCCESS);

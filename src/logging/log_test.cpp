@@ -201,14 +201,12 @@ TEST_F(LogClientTest, BurstLosesOnlyWhatItCountsAndReports) {
 // A service that goes away before its pipe is there costs the record; so do records traced while
 // no service is there, and those a service stopping mid-stream never read.
 TEST_F(LogClientTest, ServiceGoneBeforeItsPipeThenAbsentThenStoppedMidStreamReportsEachLossOnce) {
-  {
-    LogReceiver present;
-    present.HoldPresence();
-    EXPECT_TRUE(Log(4, u"never"));
-    platform::SleepMs(250);  // the sender waits for the pipe while the service is present
-    present.ReleasePresence();
-    EXPECT_EQ(LostMessageCount(), 1u);
-  }
+  LogReceiver present;
+  present.HoldPresence();
+  EXPECT_TRUE(Log(4, u"never"));
+  platform::SleepMs(250);  // the sender waits for the pipe while the service is present
+  present.ReleasePresence();
+  EXPECT_EQ(LostMessageCount(), 1u);
   ASSERT_FALSE(IsLogServiceRunning());
   for (uint32_t n = 1; n <= 3; ++n) EXPECT_TRUE(Log(4, u"nobody %d", n));  // queued, then dropped
   EXPECT_EQ(LostMessageCount(), 4u);

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "common/wide_string.h"
 #include "logging/log.h"
 #include "logging/log_record.h"
@@ -146,17 +148,15 @@ std::string Dump(const std::vector<LogLine>& lines) {
 }
 
 int IndexOf(const std::vector<LogLine>& lines, const std::u16string& text, uint32_t level) {
-  for (std::size_t i = 0; i < lines.size(); ++i) {
-    if (lines[i].text == text && lines[i].level == level) return static_cast<int>(i);
-  }
-  return -1;
+  const auto at =
+      std::find_if(lines.begin(), lines.end(), [&](const LogLine& l) { return l.text == text && l.level == level; });
+  return at == lines.end() ? -1 : static_cast<int>(at - lines.begin());
 }
 
 int IndexOfPrefix(const std::vector<LogLine>& lines, const std::u16string& prefix) {
-  for (std::size_t i = 0; i < lines.size(); ++i) {
-    if (lines[i].text.rfind(prefix, 0) == 0) return static_cast<int>(i);
-  }
-  return -1;
+  const auto at =
+      std::find_if(lines.begin(), lines.end(), [&](const LogLine& l) { return l.text.rfind(prefix, 0) == 0; });
+  return at == lines.end() ? -1 : static_cast<int>(at - lines.begin());
 }
 
 }  // namespace orlenda::testing

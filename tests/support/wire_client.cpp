@@ -6,14 +6,11 @@
 #include "skein/protocol.h"
 
 namespace orlenda::testing {
-namespace {
 
-uint32_t Remaining(std::chrono::steady_clock::time_point deadline) {
+static uint32_t Remaining(std::chrono::steady_clock::time_point deadline) {
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
   return left.count() > 0 ? static_cast<uint32_t>(left.count()) : 0;
 }
-
-}  // namespace
 
 uint32_t Get32(const std::string& bytes, std::size_t at) {
   uint32_t v = 0;
