@@ -76,9 +76,7 @@ void Collect(XmlDocument& doc, std::map<std::u16string, Setting>* settings, Sett
     Setting* next = owner;
     if (kind == u"choice" || kind == u"range") {
       next = &(*settings)[attribute(u"id")];
-      next->kind = kind;
-      next->default_value = attribute(u"default");
-      next->min = attribute(u"min");
+      *next = Setting{kind, attribute(u"default"), attribute(u"min"), {}, {}};
     } else if (kind == u"option" && owner != nullptr) {
       owner->options.insert(attribute(u"value"));
       next = nullptr;  // an option's own ui names the option, not the setting
@@ -123,8 +121,7 @@ TEST_F(DeviceTest, SettingsDocumentsReachTheConfigurationPortWellFormed) {
       if (s.kind == u"choice") {
         EXPECT_EQ(s.options.count(s.default_value), 1u);  // the default is one of the options
       } else {
-        EXPECT_GE(std::stoul(std::string(s.default_value.begin(), s.default_value.end())),
-                  std::stoul(std::string(s.min.begin(), s.min.end())));
+        EXPECT_GE(std::stoul(testing::Narrow(s.default_value)), std::stoul(testing::Narrow(s.min)));
       }
     }
   }

@@ -100,17 +100,18 @@ class SerialTest : public DeviceTest {
     ASSERT_EQ(rename(next.c_str(), link_.c_str()), 0);
   }
 
-  void ConfigureSerial(Settings settings = {}, const char16_t* port = kPort) {
+  // The port, configured with `settings` on the link to `target`, opened by `client`.
+  void Open(const std::string& target, DeviceClient& client, Settings settings = {}, const char16_t* port = kPort) {
+    LinkTo(target);
     settings.push_back({u"SERIAL_DEVICE", std::u16string(link_.begin(), link_.end())});
     settings.push_back({u"SERIAL_RECONNECT_INTERVAL", u"100"});
     Configure(port, settings);
+    ASSERT_EQ(client.Open(port), SKR_SUCCESS);
   }
-  // The port, configured with `settings` on `pty` behind the link, opened by `client` and online.
+  // The same on `pty`, and online.
   void OpenOn(const Pty& pty, DeviceClient& client, const Settings& settings = {}, const char16_t* port = kPort) {
     ASSERT_TRUE(pty.ok());
-    LinkTo(pty.tty());
-    ConfigureSerial(settings, port);
-    ASSERT_EQ(client.Open(port), SKR_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(Open(pty.tty(), client, settings, port));
     ASSERT_TRUE(client.WaitOnline(true));
   }
 
@@ -214,10 +215,8 @@ TEST_F(SerialTest, AWriteTheDeviceStopsTakingEndsAtTheTimeoutSayingHowMuchWentOu
 
 // Absent at the open, plugged in, unplugged and plugged in again under another node.
 TEST_F(SerialTest, ADeviceComesOnlineWhenItAppearsAndGoesOfflineOnceWhenUnplugged) {
-  LinkTo(folder_ + "/not-yet");
-  ConfigureSerial();
   DeviceClient client;
-  ASSERT_EQ(client.Open(kPort), SKR_SUCCESS);
+  ASSERT_NO_FATAL_FAILURE(Open(folder_ + "/not-yet", client));
   EXPECT_EQ(client.State(), 0u);
   EXPECT_EQ(client.Write("x"), SKR_DEVICE_OFFLINE);
   ASSERT_TRUE(client.WaitCount(SK_EVENT_DEVICE_OFFLINE, 1));  // the first attempt failed

@@ -26,16 +26,11 @@ std::vector<std::u16string> Texts(const std::vector<Bytes>& records) {
   return texts;
 }
 
-std::u16string Numbered(const char16_t* prefix, uint32_t n) {
-  char16_t text[kLogBufferChars];
-  FormatLog(text, u"%s%d", prefix, n);
-  return text;
-}
-
 // The texts `prefix` first..last, in order.
-std::vector<std::u16string> Sequence(const char16_t* prefix, uint32_t first, uint32_t last) {
+std::vector<std::u16string> Sequence(const std::u16string& prefix, uint32_t first, uint32_t last) {
   std::vector<std::u16string> texts;
-  for (uint32_t n = first; n <= last; ++n) texts.push_back(Numbered(prefix, n));
+  char16_t text[kLogBufferChars];
+  for (uint32_t n = first; n <= last; ++n) texts.emplace_back(text, FormatLog(text, u"%s%d", prefix.c_str(), n));
   return texts;
 }
 
@@ -144,8 +139,7 @@ TEST_F(LogClientTest, ManyThreadsTracingAtOnceKeepEachThreadsOrder) {
   ASSERT_EQ(by_thread.size(), kThreads);
   for (uint32_t t = 0; t < kThreads; ++t) {
     SCOPED_TRACE(t);
-    const std::u16string prefix = Numbered(u"t", t) + u" n";
-    EXPECT_EQ(by_thread[ids[t]], Sequence(prefix.c_str(), 1, kEach));
+    EXPECT_EQ(by_thread[ids[t]], Sequence(u"t" + std::u16string(1, char16_t(u'0' + t)) + u" n", 1, kEach));
   }
   EXPECT_EQ(LostMessageCount(), 0u);
 }
