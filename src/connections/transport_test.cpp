@@ -46,7 +46,9 @@ class TransportTest : public ServedTest, public ::testing::WithParamInterface<Tr
   std::unique_ptr<WireClient> Opened(Transport transport, const char16_t* port = u"loop/dev1", bool lock = false) {
     auto client = Connect(transport);
     EXPECT_EQ(client->Call(OpenFrame(1, port)), SKR_SUCCESS);
-    if (lock) EXPECT_EQ(client->Call(IoctlFrame(2, SK_PORT_LOCK, DwordBytes(1))), SKR_SUCCESS);
+    if (lock) {
+      EXPECT_EQ(client->Call(IoctlFrame(2, SK_PORT_LOCK, DwordBytes(1))), SKR_SUCCESS);
+    }
     return client;
   }
 
