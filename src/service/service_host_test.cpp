@@ -137,21 +137,20 @@ TEST(ServiceHostTest, StatusReportsAndCheckPointsInOrder) {
   EXPECT_TRUE(system.events.empty());
 }
 
-TEST(ServiceHostTest, AFailedReportGoesToTheEventLogAndBecomesTheExitCode) {
+// A failed status report goes to the event log and becomes the exit code; the console run of the
+// same host reports nothing, and reads the body's result in reverse: a normal stop (0) exits with the
+// thread's last error, a failed start would exit with 0.
+TEST(ServiceHostTest, AFailedReportBecomesTheExitCodeAndTheConsoleRunReportsNothing) {
   FakeSystem system;
   system.fail_status = true;
-  ServiceHost host(kIdentity, &WaitForStop, system);
+  ServiceHost host(kIdentity, [](ServiceHost& h) -> uint32_t { return h.ReportStatus(5, 0, 0) ? 0u : 1u; }, system);
   host.ServiceMain();  // the start-pending report fails: the body never runs
   system.ExpectStoppedAtStart(1234u);
   ASSERT_EQ(system.events.size(), 2u);
   EXPECT_EQ(system.events[0], u"Orlenda|Orlenda error: 1234|Orlenda Service: SetServiceStatus failed.");
-}
-
-TEST(ServiceHostTest, TheConsoleRunReportsNothingAndReadsTheResultInReverse) {
-  FakeSystem system;
-  ServiceHost host(kIdentity, [](ServiceHost& h) -> uint32_t { return h.ReportStatus(5, 0, 0) ? 0u : 1u; }, system);
+  system.statuses.clear();
+  system.events.clear();
   const char* args[] = {"orlenda", "-debug"};
-  // A normal stop (0) exits with the thread's last error; a failed start would exit with 0.
   EXPECT_EQ(host.Main(2, args), 1234);
   EXPECT_TRUE(system.statuses.empty());
   host.ReportError(u"nothing");
