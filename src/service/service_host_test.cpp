@@ -188,13 +188,15 @@ class ServiceStartTest : public testing::ConfigurationFixture {
   uint16_t port_ = 0;
 };
 
-// A configuration that cannot load (no components), or that others may change, stops the start.
-TEST_F(ServiceStartTest, AConfigurationThatCannotLoadOrOthersMayWriteStopsWithExitCodeThree) {
-  ASSERT_TRUE(CPropertyHandler{WString(u"Orlenda.configuration")}.SetString(u"/note", u"empty"));
+TEST_F(ServiceStartTest, AConfigurationThatCannotLoadStopsWithExitCodeThree) {
+  CPropertyHandler store{WString(u"Orlenda.configuration")};  // no components: the load fails
+  ASSERT_TRUE(store.SetString(u"/note", u"empty"));
   ServiceHost host(kIdentity, &ServiceStart, system_);
   host.ServiceMain();
   system_.ExpectStoppedAtStart(kStartFailedExitCode);
+}
 
+TEST_F(ServiceStartTest, AConfigurationOthersMayWriteIsRefused) {
   WriteBrokerConfiguration();
   namespace fs = std::filesystem;
   const WString path = testing::StorePath(u"Orlenda.configuration");
@@ -202,8 +204,7 @@ TEST_F(ServiceStartTest, AConfigurationThatCannotLoadOrOthersMayWriteStopsWithEx
   bool trusted = true;
   ASSERT_EQ(platform::OnlyTrustedMayChange(path.c_str(), &trusted), 0u);
   if (trusted) GTEST_SKIP() << "this file system cannot make a file writable by others from here";
-  system_.statuses.clear();
-  system_.events.clear();
+  ServiceHost host(kIdentity, &ServiceStart, system_);
   host.ServiceMain();
   system_.ExpectStoppedAtStart(kStartFailedExitCode);
   ASSERT_EQ(system_.events.size(), 1u);
