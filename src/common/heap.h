@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <deque>
 #include <map>
 #include <memory>
 #include <new>
@@ -38,6 +39,8 @@ struct HeapAllocator {
 
 template <class T>
 using HeapVector = std::vector<T, HeapAllocator<T>>;
+template <class T>
+using HeapDeque = std::deque<T, HeapAllocator<T>>;
 template <class K, class V, class Less = std::less<K>>
 using HeapMap = std::map<K, V, Less, HeapAllocator<std::pair<const K, V>>>;
 template <class K, class Less = std::less<K>>

@@ -12,8 +12,7 @@ constexpr uint32_t kTraceLevel = 4;
 
 }  // namespace
 
-CPipeConnection::CPipeConnection(platform::LocalChannel* channel, CPipeServer* server)
-    : channel_(channel), server_(server) {}
+CPipeConnection::CPipeConnection(platform::LocalChannel* channel) : channel_(channel) {}
 
 CPipeConnection::~CPipeConnection() {
   Shutdown();  // no request, no event may write after this
@@ -24,6 +23,8 @@ bool CPipeConnection::RawWrite(BlobRef message) {
   return platform::WriteLocalChannel(channel_, message.data(), static_cast<std::size_t>(message.size()),
                                      kWriteLimitMs) == platform::kErrorSuccess;
 }
+
+void CPipeConnection::Abandon() { platform::AbandonLocalChannel(channel_); }
 
 CPipeServer::CPipeServer(const char16_t* name) : name_(name) {}
 
@@ -41,7 +42,7 @@ void CPipeServer::ConnectionDispatcher() {
 }
 
 void* CPipeServer::OnConnect(platform::LocalChannel* channel) {
-  auto* connection = HeapNew<CPipeConnection>(channel, this);
+  auto* connection = HeapNew<CPipeConnection>(channel);
   if (connection != nullptr) AddConnection(connection);
   return connection;
 }

@@ -1,10 +1,11 @@
 // CPipeServer: serves local clients over the pipe "skein" (Windows "\\.\pipe\skein", on POSIX the
 // Unix socket "<run dir>/skein"); CPipeConnection is one such client. Everything of one server,
 // connecting, reading and dropping lost clients, happens on its dispatcher thread
-// (platform::LocalServer); replies and events are written from the threads that make them.
+// (platform::LocalServer); replies and events are written by the connection's sender (see
+// CSKStreamConnection).
 //
 // A write that makes no progress for kWriteLimitMs (a client that stopped reading) fails and the
-// client is dropped, so no request thread and no event walk waits longer than that.
+// client is dropped.
 #pragma once
 
 #include <cstdint>
@@ -16,19 +17,17 @@
 
 namespace orlenda {
 
-class CPipeServer;
-
 class CPipeConnection : public CSKStreamConnection {
  public:
   static constexpr uint32_t kWriteLimitMs = 5000;
 
-  CPipeConnection(platform::LocalChannel* channel, CPipeServer* server);
+  explicit CPipeConnection(platform::LocalChannel* channel);
   ~CPipeConnection() override;
   bool RawWrite(BlobRef message) override;
+  void Abandon() override;
 
  private:
   platform::LocalChannel* channel_;
-  CPipeServer* server_;
 };
 
 class CPipeServer : public SKServer, private platform::LocalServer::Handler {

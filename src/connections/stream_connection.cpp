@@ -60,8 +60,15 @@ CSKStreamConnection::~CSKStreamConnection() { Shutdown(); }
 
 void CSKStreamConnection::Shutdown() {
   if (shut_.exchange(true, std::memory_order_acq_rel)) return;
-  while (active_.load(std::memory_order_acquire) != 0) platform::SleepMs(kPollMs);
+  WaitIdle();
   if (port_number() != 0) Close();
+  // An event push that passed its check before the shutdown may have started a send meanwhile;
+  // after the Close none can.
+  WaitIdle();
+}
+
+void CSKStreamConnection::WaitIdle() const {
+  while (active_.load(std::memory_order_acquire) != 0) platform::SleepMs(kPollMs);
 }
 
 bool CSKStreamConnection::Receive(const uint8_t* bytes, std::size_t size) { return reader_.Feed(bytes, size, this); }
@@ -153,13 +160,80 @@ void CSKStreamConnection::Serve(const BlobRef& copy, uint32_t length) {
 void CSKStreamConnection::Reply(uint32_t code, uint64_t tag, uint32_t result, const void* tail,
                                 std::size_t tail_size) {
   BlobRef message = Message(code, tag, result, tail, tail_size);
-  if (message) RawWrite(std::move(message));
+  if (message) Send(std::move(message), true);
 }
 
 void CSKStreamConnection::PushEvent(uint32_t event, BlobRef data) {
   if (shut_.load(std::memory_order_acquire)) return;
   BlobRef message = Message(SK_FRAME_EVENT, 0, event, data.data(), static_cast<std::size_t>(data.size()));
-  if (message) RawWrite(std::move(message));
+  if (message) Send(std::move(message), false);
+}
+
+void CSKStreamConnection::Send(BlobRef message, bool write_own) {
+  const uint64_t size = message.size();
+  bool abandon = false;
+  {
+    platform::ScopedLock hold(send_lock_);
+    if (broken_) return;
+    if (!send_queue_.empty() && queued_bytes_ + size > kSendQueueBytes) {
+      broken_ = true;
+      abandon = true;
+      send_queue_.clear();
+      queued_bytes_ = 0;
+    } else {
+      send_queue_.push_back(std::move(message));
+      queued_bytes_ += size;
+      if (sending_) return;  // the sender finds it
+      sending_ = true;
+    }
+  }
+  if (abandon) {
+    Abandon();
+  } else if (write_own) {
+    Drain(true);
+  } else {
+    StartDrain();
+  }
+}
+
+void CSKStreamConnection::StartDrain() {
+  active_.fetch_add(1, std::memory_order_acq_rel);
+  if (RequestPool::Run(&DrainMain, this)) return;
+  active_.fetch_sub(1, std::memory_order_acq_rel);
+  Drain(false);  // no thread to be had: this one sends rather than lose the messages
+}
+
+void CSKStreamConnection::DrainMain(void* self) {
+  auto* connection = static_cast<CSKStreamConnection*>(self);
+  connection->Drain(false);
+  connection->active_.fetch_sub(1, std::memory_order_acq_rel);  // the last touch
+}
+
+void CSKStreamConnection::Drain(bool own_only) {
+  for (bool first = true;; first = false) {
+    BlobRef next;
+    {
+      platform::ScopedLock hold(send_lock_);
+      if (send_queue_.empty()) {
+        sending_ = false;
+        return;
+      }
+      if (own_only && !first) break;  // what queued behind the reply goes on a pool thread
+      next = std::move(send_queue_.front());
+      send_queue_.pop_front();
+      queued_bytes_ -= next.size();
+    }
+    if (!RawWrite(std::move(next))) {
+      // The transport has given the client up; a later message could only tear the stream.
+      platform::ScopedLock hold(send_lock_);
+      broken_ = true;
+      sending_ = false;
+      send_queue_.clear();
+      queued_bytes_ = 0;
+      return;
+    }
+  }
+  StartDrain();
 }
 
 }  // namespace orlenda

@@ -35,6 +35,7 @@ class Recording : public CSKStreamConnection {
     changed_.notify_all();
     return true;
   }
+  void Abandon() override {}
   void Feed(const std::string& bytes) {
     ASSERT_TRUE(Receive(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));
   }

@@ -44,6 +44,11 @@ uint32_t CTCPConnection::MillisecondsUntilDue(uint32_t now) const {
   return ping_due < drop_due ? ping_due : drop_due;
 }
 
+void CTCPConnection::Abandon() {
+  MarkLost();
+  socket_.ShutdownBoth();  // a send waiting for room fails now rather than at the time-out
+}
+
 void CTCPConnection::MarkLost() {
   if (!lost_.exchange(true, std::memory_order_acq_rel)) server_->Wake();
 }

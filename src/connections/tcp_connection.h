@@ -3,11 +3,11 @@
 // connection counts as lost after the keep-alive time-out of receive silence.
 //
 // Sending, a change from the plain socket send of the protocol's first form: each connection sends
-// whole messages one at a time (request threads, event pushes and pings all write this socket),
-// and a writer that finds no room in the socket waits until there is, for at most the keep-alive
+// whole messages one at a time (its sender and the dispatcher's pings write this socket), and a
+// writer that finds no room in the socket waits until there is, for at most the keep-alive
 // time-out, after which the connection counts as lost: the write fails and the dispatcher drops
 // the connection (which closes its port). A message is thus never torn, and a client that stops
-// reading never makes anybody wait longer than that. The dispatcher's ping never waits at all: it
+// reading holds up only its own replies, for no longer than that. The dispatcher's ping never waits at all: it
 // is sent only when nobody else is sending and the socket has room; a ping that went out in part
 // is completed before the next message.
 #pragma once
@@ -47,6 +47,7 @@ class CTCPConnection : public CSKStreamConnection {
   uint32_t MillisecondsUntilDue(uint32_t now) const;
 
   bool RawWrite(BlobRef message) override;
+  void Abandon() override;
 
   platform::SocketHandle socket() const { return socket_.handle(); }
   uint32_t peer() const { return peer_; }

@@ -89,7 +89,7 @@ TEST_P(TransportTest, ALostClientPassesItsLockOnAndAStopDeletesEveryConnection) 
 }
 
 // A member that never reads while writes to its port echo to it: it gets whole frames until it is
-// dropped, and the writer is never held longer than the drop takes.
+// dropped, and the writer is never held by it.
 TEST_P(TransportTest, AClientThatStopsReadingGetsWholeFramesOrIsDropped) {
   Serve(GetParam(), 500, 1000);
   auto sleeper = Opened(GetParam());
@@ -107,8 +107,10 @@ TEST_P(TransportTest, AClientThatStopsReadingGetsWholeFramesOrIsDropped) {
     ASSERT_EQ(frame.Tail(), chunk);
     ++whole;
   }
+  // The writer never waited for the sleeper, so the sleeper may have been sent every echo before it
+  // was dropped.
   EXPECT_GT(whole, 0);
-  EXPECT_LT(whole, 120);
+  EXPECT_LE(whole, 120);
   EXPECT_TRUE(sleeper->AwaitClosed(0));
 }
 

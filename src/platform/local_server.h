@@ -68,6 +68,10 @@ class LocalServer {
 // lost (the loop reports it). Concurrent writers each send a whole message.
 uint32_t WriteLocalChannel(LocalChannel* channel, const void* data, std::size_t size, uint32_t limit_ms);
 
+// Gives the client up as lost (the loop reports it), without waiting for a write in progress,
+// which fails. Any thread.
+void AbandonLocalChannel(LocalChannel* channel);
+
 // Ends the client and frees the channel: on the loop's thread, or for a client the loop reported
 // lost, on any thread.
 void CloseLocalChannel(LocalChannel* channel);

@@ -138,6 +138,12 @@ uint32_t WriteLocalChannel(LocalChannel* channel, const void* data, std::size_t 
   return error;
 }
 
+void AbandonLocalChannel(LocalChannel* channel) {
+  if (channel->lost.exchange(true, std::memory_order_acq_rel)) return;
+  channel->socket.ShutdownBoth();  // a send waiting for room fails now
+  channel->wake->Wake();
+}
+
 void CloseLocalChannel(LocalChannel* channel) {
   if (channel == nullptr) return;
   channel->socket.ShutdownBoth();

@@ -221,6 +221,11 @@ uint32_t WriteLocalChannel(LocalChannel* channel, const void* data, std::size_t 
   return error;
 }
 
+void AbandonLocalChannel(LocalChannel* channel) {
+  // The loop learns it from its pending read, which this cancels with the write in progress.
+  if (!channel->lost.exchange(true, std::memory_order_acq_rel)) CancelIoEx(channel->pipe, nullptr);
+}
+
 void CloseLocalChannel(LocalChannel* channel) {
   if (channel == nullptr) return;
   channel->closing.store(true, std::memory_order_release);
