@@ -93,13 +93,19 @@ COpenPort::~COpenPort() {
 bool COpenPort::HoldEarlyEvent(uint32_t event, const BlobRef& data) {
   platform::ScopedLock hold(early_lock_);
   if (!holding_early_) return false;
-  if (early_.size() < kMaxEarlyEvents) early_.push_back({event, data});
+  if (early_.size() < kMaxEarlyEvents) {
+    early_.push_back({event, data});
+  } else {
+    ++early_dropped_;
+  }
   return true;
 }
 
-bool COpenPort::TakeEarlyEvents(HeapVector<EarlyEvent>* batch) {
+bool COpenPort::TakeEarlyEvents(HeapVector<EarlyEvent>* batch, uint32_t* dropped) {
   batch->clear();
   platform::ScopedLock hold(early_lock_);
+  *dropped += early_dropped_;
+  early_dropped_ = 0;
   if (early_.empty()) {
     holding_early_ = false;
     return false;

@@ -120,14 +120,15 @@ class COpenPort {
 
   // Events raised while the port opens. HoldEarlyEvent keeps the event for later (true) until the
   // held events have all gone out; past kMaxEarlyEvents it drops it (also true). TakeEarlyEvents
-  // moves the held events to `batch`; when there are none it ends the holding and returns false.
+  // moves the held events to `batch` and adds the number dropped to `*dropped`; when there are
+  // none it ends the holding and returns false.
   struct EarlyEvent {
     uint32_t event;
     BlobRef data;
   };
   static constexpr std::size_t kMaxEarlyEvents = 256;
   bool HoldEarlyEvent(uint32_t event, const BlobRef& data);
-  bool TakeEarlyEvents(HeapVector<EarlyEvent>* batch);
+  bool TakeEarlyEvents(HeapVector<EarlyEvent>* batch, uint32_t* dropped);
 
   bool suspended() const { return suspended_.Wait(0); }
   void SetSuspended(bool on) { on ? suspended_.Set() : suspended_.Reset(); }
@@ -177,6 +178,7 @@ class COpenPort {
   platform::CriticalSection early_lock_;
   HeapVector<EarlyEvent> early_;  // under early_lock_
   bool holding_early_ = true;     // under early_lock_
+  uint32_t early_dropped_ = 0;    // under early_lock_
 
   mutable platform::CriticalSection members_lock_;
   MemberList* members_ = nullptr;        // under members_lock_; never null after construction

@@ -2,6 +2,7 @@
 // notices to its members.
 #include "common/result_codes.h"
 #include "components/component.h"
+#include "logging/log.h"
 #include "ports/open_port.h"
 #include "ports/port_table.h"
 #include "ports/sk_connection.h"
@@ -34,8 +35,13 @@ void SKEIN_CALL PortAccess::EventSink(uint32_t number, uint32_t event, SkBlob* d
 
 void PortAccess::DeliverEarlyEvents(COpenPort* port) {
   HeapVector<COpenPort::EarlyEvent> batch;
-  while (port->TakeEarlyEvents(&batch)) {
+  uint32_t dropped = 0;
+  while (port->TakeEarlyEvents(&batch, &dropped)) {
     for (const COpenPort::EarlyEvent& e : batch) Deliver(port, e.event, e.data);
+  }
+  if (dropped != 0) {
+    Log(0, u"-- COpenPort::Open(%d): %d events raised while the port opened were dropped (at most %d are held)",
+        port->number(), dropped, static_cast<uint32_t>(COpenPort::kMaxEarlyEvents));
   }
 }
 

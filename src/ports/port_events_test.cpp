@@ -130,6 +130,20 @@ TEST_F(PortTest, EventsRaisedWhileThePortOpensReachTheOpener) {
   failed.RegisterCallback(0x00000005u);
   EXPECT_EQ(OpenName(failed, u"plain/dev2"), SKR_SYSTEM_ERROR);
   EXPECT_TRUE(failed.TakeEvents().empty());
+
+  // More than are held: the rest are dropped, and the trace says how many.
+  ASSERT_TRUE(SetNumberProperty(u"/testmodule/test_component/openResult", SKR_SUCCESS));
+  ASSERT_TRUE(SetNumberProperty(u"/testmodule/test_component/openEventCount", COpenPort::kMaxEarlyEvents + 44));
+  LogCapture capture;
+  LocalConnection flooded;
+  flooded.RegisterCallback(0x00000005u);
+  ASSERT_EQ(OpenName(flooded, u"plain/dev2"), SKR_SUCCESS);
+  EXPECT_EQ(flooded.TakeEvents().size(), COpenPort::kMaxEarlyEvents);
+  const std::vector<LogLine> lines = capture.Lines();
+  EXPECT_GE(IndexOf(lines, u"-- COpenPort::Open(" + std::u16string(1, u'0' + flooded.port_number()) +
+                               u"): 44 events raised while the port opened were dropped (at most 256 are held)"),
+            0)
+      << Dump(lines);
 }
 
 }  // namespace

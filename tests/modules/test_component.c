@@ -3,7 +3,7 @@
  * TEST_MODULE_NAME), so several copies can stand in one stack. Settings under /testmodule/<name>/, all numbers:
  *   refuseInit 1: init returns 0;  openCloseOnly 1: only the Open and Close entries are filled;
  *   openResult: what Open returns;  quiet 1: nothing more is recorded;  writeDelayMs: every Write
- *   first sleeps that long;  openEvent: an event Open raises up.
+ *   first sleeps that long;  openEvent: an event Open raises up, openEventCount times (default 1).
  * Every call is appended as "<name>:<op>:<port>;" to "/testmodule/calls" (init and unload: port 0).
  * Close passes down as every layer must and answers SKR_FAILED while a Write of the port is in
  * progress; Write passes down or at the bottom takes every byte; Event passes up. Own controls:
@@ -125,11 +125,13 @@ static uint32_t RaiseUp(uint32_t number, uint32_t event, const SkLayerTable* lay
 }
 
 static uint32_t SKEIN_CALL TestOpen(uint32_t number, SkString* path, const SkLayerTable* layers) {
-  uint32_t result, open_event = ReadSetting("openEvent", 0);
+  uint32_t result, open_event = ReadSetting("openEvent", 0), raised;
   int i;
   SkStringFree(path);
   Record("open", number);
-  if (open_event != 0 && layers != NULL) RaiseUp(number, open_event, layers);
+  if (open_event != 0 && layers != NULL) {
+    for (raised = ReadSetting("openEventCount", 1); raised > 0; --raised) RaiseUp(number, open_event, layers);
+  }
   result = ReadSetting("openResult", SKR_SUCCESS);
   if (result != SKR_SUCCESS) return result;
   Lock();
