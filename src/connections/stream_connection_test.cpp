@@ -1,7 +1,9 @@
 // The stream protocol on a connection without a transport: requests decoded, replies of the stated
-// sizes, events framed, unknown codes unanswered, requests of one connection running at once. And
-// its framer: any split of the stream gives the same frames, keep-alives vanish, large frames grow
-// the buffer in two steps, frames over the limit are cut and counted, short lengths end the stream.
+// sizes, events framed, unknown codes unanswered, requests of one connection running at once. Its
+// sending: events never wait for a client that does not read, everything leaves in order, and a
+// client that cannot be served whole is given up. And its framer: any split of the stream gives
+// the same frames, keep-alives vanish, large frames grow the buffer in two steps, frames over the
+// limit are cut and counted, short lengths end the stream.
 #include "connections/stream_connection.h"
 
 #include <gtest/gtest.h>
@@ -25,17 +27,31 @@ namespace {
 using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
 using namespace orlenda::testing;       // NOLINT: the frames
 
-// A connection whose raw write keeps every message.
+// A connection whose raw write keeps every message; with its gate shut a write waits (a client
+// that does not read), and what the writes saw is counted.
 class Recording : public CSKStreamConnection {
- public:
-  ~Recording() override { Shutdown(); }
-  bool RawWrite(BlobRef message) override {
+  template <class F>
+  auto Locked(F f) {
     std::lock_guard<std::mutex> hold(lock_);
-    messages_.emplace_back(reinterpret_cast<const char*>(message.data()), static_cast<std::size_t>(message.size()));
-    changed_.notify_all();
-    return true;
+    return f();
   }
-  void Abandon() override {}
+
+ public:
+  ~Recording() override {
+    SetOpen(true);
+    Shutdown();
+  }
+  bool RawWrite(BlobRef message) override {
+    std::unique_lock<std::mutex> hold(lock_);
+    most_writers_ = std::max(most_writers_, ++writers_);
+    changed_.notify_all();
+    changed_.wait_for(hold, std::chrono::seconds(20), [this] { return open_; });
+    messages_.emplace_back(reinterpret_cast<const char*>(message.data()), static_cast<std::size_t>(message.size()));
+    --writers_;
+    changed_.notify_all();
+    return !fail_writes_;
+  }
+  void Abandon() override { Locked([this] { ++abandoned_; }); }
   void Feed(const std::string& bytes) {
     ASSERT_TRUE(Receive(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));
   }
@@ -46,16 +62,40 @@ class Recording : public CSKStreamConnection {
     return taken_ < messages_.size() ? messages_[taken_++] : std::string();
   }
   std::size_t Count() {
-    std::lock_guard<std::mutex> hold(lock_);
-    return messages_.size();
+    return Locked([this] { return messages_.size(); });
   }
+  void SetOpen(bool open) {
+    Locked([&] { open_ = open; });
+    changed_.notify_all();
+  }
+  void FailWrites() {
+    Locked([this] { fail_writes_ = true; });
+  }
+  bool AwaitWriter() {
+    std::unique_lock<std::mutex> hold(lock_);
+    return changed_.wait_for(hold, std::chrono::seconds(20), [this] { return writers_ == 1; });
+  }
+  // Waits for every request and send of the connection; then the counts are final.
+  void Finish() { Shutdown(); }
+  int most_writers() { return Locked([this] { return most_writers_; }); }
+  int abandoned() { return Locked([this] { return abandoned_; }); }
 
  private:
   std::mutex lock_;
   std::condition_variable changed_;
   std::vector<std::string> messages_;
   std::size_t taken_ = 0;
+  bool open_ = true;
+  bool fail_writes_ = false;
+  int writers_ = 0;
+  int most_writers_ = 0;
+  int abandoned_ = 0;
 };
+
+BlobRef Data(std::size_t size, char fill) {
+  const std::string bytes(size, fill);
+  return BlobRef::Adopt(BlobCopy(bytes.data(), bytes.size()));
+}
 
 class StreamTest : public PortTest {};
 
@@ -119,6 +159,49 @@ TEST_F(StreamTest, RequestsOfOneConnectionRunAtOnce) {
   std::vector<uint32_t> tags;
   for (int i = 0; i < 2; ++i) tags.push_back(Get32(c.Next(), 8));
   EXPECT_TRUE((tags == std::vector<uint32_t>{4, 6} || tags == std::vector<uint32_t>{6, 4}));
+}
+
+TEST_F(StreamTest, EventsNeverWaitForTheClientAndEverythingLeavesInOrder) {
+  Recording c;
+  c.SetOpen(false);
+  c.Feed(IoctlFrame(77, SK_LOCK_STATE));
+  ASSERT_TRUE(c.AwaitWriter());  // the request's own thread writes its reply, and waits
+  // Pushed on this thread: a push that wrote would wait here for the whole bound.
+  c.PushEvent(1, Data(3, 'a'));
+  c.PushEvent(2, Data(3, 'b'));
+  c.SetOpen(true);
+  EXPECT_EQ(Get32(c.Next(), 8), 77u);
+  for (uint32_t event = 1; event <= 2; ++event) EXPECT_EQ(Get32(c.Next(), 16), event);
+  c.Finish();
+  EXPECT_EQ(c.most_writers(), 1);  // one message at a time
+  EXPECT_EQ(c.abandoned(), 0);
+}
+
+TEST_F(StreamTest, AClientThatCannotBeServedWholeIsGivenUpAndSentNothingMore) {
+  for (const bool overflow : {true, false}) {  // else the first write fails
+    SCOPED_TRACE(overflow ? "queue overflows" : "write fails");
+    Recording c;
+    c.SetOpen(false);
+    if (!overflow) c.FailWrites();
+    c.PushEvent(1, Data(16, 'a'));
+    ASSERT_TRUE(c.AwaitWriter());
+    if (overflow) {
+      // Exactly the bound may queue behind the write in progress; one byte more is too much.
+      const std::size_t half = CSKStreamConnection::kSendQueueBytes / 2 - SK_FRAME_REPLY_SIZE;
+      c.PushEvent(2, Data(half, 'b'));
+      c.PushEvent(3, Data(half, 'c'));
+      EXPECT_EQ(c.abandoned(), 0);
+      c.PushEvent(4, Data(1, 'd'));
+      EXPECT_EQ(c.abandoned(), 1);
+    }
+    c.SetOpen(true);
+    EXPECT_EQ(Get32(c.Next(), 16), 1u);
+    c.PushEvent(5, Data(1, 'e'));
+    c.Feed(IoctlFrame(6, SK_LOCK_STATE));
+    c.Finish();
+    EXPECT_EQ(c.Count(), 1u);  // only the write that was in progress ever happened
+    EXPECT_EQ(c.abandoned(), overflow ? 1 : 0);
+  }
 }
 
 struct Seen {
