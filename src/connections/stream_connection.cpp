@@ -176,10 +176,8 @@ void CSKStreamConnection::Send(BlobRef message, bool write_own) {
     platform::ScopedLock hold(send_lock_);
     if (broken_) return;
     if (!send_queue_.empty() && queued_bytes_ + size > kSendQueueBytes) {
-      broken_ = true;
       abandon = true;
-      send_queue_.clear();
-      queued_bytes_ = 0;
+      BreakLocked();
     } else {
       send_queue_.push_back(std::move(message));
       queued_bytes_ += size;
@@ -194,6 +192,12 @@ void CSKStreamConnection::Send(BlobRef message, bool write_own) {
   } else {
     StartDrain();
   }
+}
+
+void CSKStreamConnection::BreakLocked() {
+  broken_ = true;
+  send_queue_.clear();
+  queued_bytes_ = 0;
 }
 
 void CSKStreamConnection::StartDrain() {
@@ -226,10 +230,8 @@ void CSKStreamConnection::Drain(bool own_only) {
     if (!RawWrite(std::move(next))) {
       // The transport has given the client up; a later message could only tear the stream.
       platform::ScopedLock hold(send_lock_);
-      broken_ = true;
+      BreakLocked();
       sending_ = false;
-      send_queue_.clear();
-      queued_bytes_ = 0;
       return;
     }
   }

@@ -75,6 +75,8 @@ class CSKStreamConnection : public CSKConnection, private FrameReader::Sink {
   // then hands the rest to a pool thread.
   void Drain(bool own_only);
   void StartDrain();
+  // Under the send lock: nothing queued or later is ever sent.
+  void BreakLocked();
   static void DrainMain(void* self);
   void WaitIdle() const;
 
