@@ -3,9 +3,6 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "common/wide_string.h"
-#include "platform/paths.h"
-
 namespace orlenda::testing {
 
 void UseIsolatedDirs() {
@@ -17,13 +14,6 @@ void UseIsolatedDirs() {
     setenv(name, dir.c_str(), 1);
   }
 #endif
-}
-
-std::string DataDir() {
-  char16_t buffer[platform::kMaxPathChars];
-  const std::size_t length = platform::CommonAppDataFolder(buffer, platform::kMaxPathChars);
-  const HeapString utf8 = WideToUtf8(WStringView(buffer, length));
-  return std::string(utf8.data(), utf8.size());
 }
 
 }  // namespace orlenda::testing

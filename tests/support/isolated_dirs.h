@@ -4,14 +4,9 @@
 // Windows build has no overrides and runs in a Wine prefix of the test run's own instead.
 #pragma once
 
-#include <string>
-
 namespace orlenda::testing {
 
 // Creates fresh folders and points the overrides at them. Call before the code under test runs.
 void UseIsolatedDirs();
-
-// The data folder in use (the common application-data folder), as UTF-8.
-std::string DataDir();
 
 }  // namespace orlenda::testing

@@ -5,26 +5,21 @@
 #include <cstdio>
 #include <string>
 
-#include "support/isolated_dirs.h"
+#include "support/scratch_names.h"
 #include "support/store_files.h"
 
 namespace orlenda::logservice {
 namespace {
 
 using testing::ReadBytes;
-
-std::filesystem::path FreshFolder(const char* name) {
-  testing::UseIsolatedDirs();
-  std::filesystem::path folder = std::filesystem::u8path(testing::DataDir()) / "rotating" / name;
-  std::filesystem::remove_all(folder);
-  return folder;
-}
+// Each test's files in a folder two levels below a fresh one: Open makes the missing folders.
+using RotatingFileTest = testing::ScratchNameTest;
 
 // Lines of 20 bytes, five to a file of 100: the current file and `keep` old ones hold the newest
 // 5 * (keep + 1) lines, each file whole; with none kept the file starts over.
-TEST(RotatingFile, RotatesAtTheLimitAndKeepsTheNewestLinesWhole) {
+TEST_F(RotatingFileTest, RotatesAtTheLimitAndKeepsTheNewestLinesWhole) {
   for (int keep : {0, 2}) {
-    const std::filesystem::path folder = FreshFolder("keep");
+    const std::filesystem::path folder = dir_ / "rotating" / std::to_string(keep);
     RotatingFile file;
     ASSERT_TRUE(file.Open(folder, "Test", 100, keep));
     std::string expected;
@@ -42,8 +37,8 @@ TEST(RotatingFile, RotatesAtTheLimitAndKeepsTheNewestLinesWhole) {
   }
 }
 
-TEST(RotatingFile, AppendsToAnExistingFileAndGivesAnOversizedLineAFileOfItsOwn) {
-  const std::filesystem::path folder = FreshFolder("reopen");
+TEST_F(RotatingFileTest, AppendsToAnExistingFileAndGivesAnOversizedLineAFileOfItsOwn) {
+  const std::filesystem::path folder = dir_ / "rotating" / "reopen";
   {
     RotatingFile file;
     ASSERT_TRUE(file.Open(folder, "Test", 50, 1));
