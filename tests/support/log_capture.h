@@ -26,7 +26,7 @@ struct LogLine {
   std::u16string text;
 };
 
-// The level and text of one record's bytes ("<no header>" at level 99 for a short one).
+// The level and text of one whole record's bytes.
 LogLine DecodeLine(const Bytes& record);
 
 class LogReceiver {
