@@ -26,7 +26,6 @@ void SlowWork(void* arg) {
 TEST(ThreadTest, RunsEntryOnItsOwnThreadAndJoinWaitsForIt) {
   Work work;
   Thread thread;
-  EXPECT_FALSE(thread.joinable());
   ASSERT_TRUE(thread.Start(SlowWork, &work));
   EXPECT_TRUE(thread.joinable());
   thread.Join();
