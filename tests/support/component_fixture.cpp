@@ -20,10 +20,14 @@ void SetNumberOnFile(const char16_t* path, uint32_t value) {
   ASSERT_TRUE(store.SetNumber(path, value));
 }
 
-std::u16string RecordedCallsOnFile() {
-  CPropertyHandler store{WString(u"Orlenda.properties")};
+std::u16string RecordedCalls() {
   WString calls;
-  store.GetString(u"/testmodule/calls", &calls);
+  bool loaded = false;
+  CConfiguration::WithProperties([&](CPropertyHandler& s) {
+    loaded = true;
+    return s.GetString(u"/testmodule/calls", &calls);
+  });
+  if (!loaded) CPropertyHandler(WString(u"Orlenda.properties")).GetString(u"/testmodule/calls", &calls);
   return std::u16string(calls.begin(), calls.end());
 }
 

@@ -39,16 +39,7 @@ inline bool SetLoadedString(const char16_t* path, const char16_t* text) {
 
 // The calls the test modules recorded: read through the loaded configuration, or from the
 // properties file while none is loaded.
-std::u16string RecordedCallsOnFile();
-inline std::u16string RecordedCalls() {
-  WString calls;
-  bool loaded = false;
-  CConfiguration::WithProperties([&](CPropertyHandler& s) {
-    loaded = true;
-    return s.GetString(u"/testmodule/calls", &calls);
-  });
-  return loaded ? std::u16string(calls.begin(), calls.end()) : RecordedCallsOnFile();
-}
+std::u16string RecordedCalls();
 inline void ClearRecordedCalls() {
   CConfiguration::WithProperties([](CPropertyHandler& s) { return s.Delete(u"/testmodule/calls"); });
 }
