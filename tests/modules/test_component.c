@@ -1,9 +1,9 @@
 /* test_component: a component module for the tests, steered and observed through the service's
  * properties. Its name is its file's bare name ("test_component", "test_a", ...; the build defines
  * TEST_MODULE_NAME), so several copies can stand in one stack. Settings under /testmodule/<name>/, all numbers:
- *   refuseInit 1: init returns 0;  openCloseOnly 1: only the Open and Close entries are filled;
- *   openResult: what Open returns;  quiet 1: nothing more is recorded;  writeDelayMs: every Write
- *   first sleeps that long;  openEvent: an event Open raises up, openEventCount times (default 1).
+ *   refuseInit 1: init returns 0;  openResult: what Open returns;  quiet 1: nothing more is recorded;
+ *   writeDelayMs: every Write first sleeps that long;  openEvent: an event Open raises up,
+ *   openEventCount times (default 1).
  * Every call is appended as "<name>:<op>:<port>;" to "/testmodule/calls" (init and unload: port 0).
  * Close passes down as every layer must and answers SKR_FAILED while a Write of the port is in
  * progress; Write passes down or at the bottom takes every byte; Event passes up. Own controls:
@@ -29,7 +29,7 @@
 #define TEST_ENUMERATE 0x1FFF0004u
 #define TEST_ENUMERATE_ON_THREAD 0x1FFF0005u
 #define TEST_HELD_WRITES 0x1FFF0006u
-#define HOLD_LIMIT_MS 30000u
+#define HOLD_LIMIT_S 30u
 #define MAX_PORTS 64
 #define PATH_UNITS 256
 
@@ -175,7 +175,7 @@ static uint32_t SKEIN_CALL TestWrite(uint32_t number, SkBlob* data, uint32_t* wr
     SkBlobRelease(data);
     return SKR_INVALID_HANDLE;
   }
-  if (!GatePass(number, HOLD_LIMIT_MS)) {
+  if (!GatePass(number, HOLD_LIMIT_S)) {
     result = SKR_SYSTEM_ERROR;
     SkBlobRelease(data);
   } else {
@@ -198,10 +198,11 @@ typedef struct Enumeration {
   uint32_t result;
 } Enumeration;
 
-static void Enumerate(void* arg) {
+static GATE_THREAD(Enumerate) {
   Enumeration* e = (Enumeration*)arg;
   SkString* path = SkStringCreate((const uint16_t*)SkBlobData(e->path), (uint32_t)(e->path->size / 2));
   e->result = g_host->EnumeratePort(path, AsciiString("probe"));
+  return 0;
 }
 
 static uint32_t SKEIN_CALL TestIoctl(uint32_t number, uint32_t code, SkBlob* input, SkBlob** output) {
@@ -259,7 +260,6 @@ SKEIN_EXPORT int32_t SKEIN_CALL InitializeSkeinComponent(const SkHostTable* host
   }
   ops->Open = TestOpen;
   ops->Close = TestClose;
-  if (ReadSetting("openCloseOnly", 0) == 1) return 1;
   ops->Write = TestWrite;
   ops->Ioctl = TestIoctl;
   ops->Event = TestEvent;
