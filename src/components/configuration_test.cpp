@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -42,14 +43,14 @@ TEST_F(ConfigurationTest, AFailedLoadUndoesTheComponentsBeforeAndStopsThere) {
   const std::u16string none = u"No components configured in Orlenda.configuration";
   const struct {
     const char* what;
-    int components;          // 0: no file, 1: an empty /components/, 3: test_a, test_b, test_c
+    int components;          // 0: no file, 1: /components/ holds no group, 3: test_a, test_b, test_c
     WString file;            // test_b's; empty: no "filename" property
     const char16_t* refuse;  // property that makes test_b refuse, or null
     std::u16string message;
     const char16_t* calls;
   } cases[] = {
       {"no configuration file", 0, WString(), nullptr, none, u""},
-      {"empty /components/", 1, WString(), nullptr, none, u""},
+      {"no group in /components/", 1, WString(), nullptr, none, u""},
       {"no filename", 3, WString(), nullptr, u"filename property missing from component test_b",
        u"test_a:init:0;test_a:unload:0;"},
       // Every way a module fails to connect (the component tests') takes this path.
@@ -59,11 +60,8 @@ TEST_F(ConfigurationTest, AFailedLoadUndoesTheComponentsBeforeAndStopsThere) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     testing::RemoveStoreFiles();
-    if (c.components == 1) {
-      CPropertyHandler store{WString(u"Orlenda.configuration")};
-      ASSERT_TRUE(store.SetString(u"/components/gone/filename", u"x"));
-      ASSERT_TRUE(store.Delete(u"/components/gone"));
-    } else if (c.components == 3) {
+    if (c.components == 1) testing::WriteConfiguration({}, {{u"/components/filename", u"x"}});
+    if (c.components == 3) {
       testing::WriteConfiguration(
           {{u"test_a", W(ORLENDA_TEST_A_MODULE)}, {u"test_b", c.file}, {u"test_c", W(ORLENDA_TEST_C_MODULE)}});
     }
@@ -73,9 +71,9 @@ TEST_F(ConfigurationTest, AFailedLoadUndoesTheComponentsBeforeAndStopsThere) {
     const std::vector<LogLine> lines = capture.Lines();
     const int message = IndexOf(lines, c.message);
     EXPECT_GE(message, 0) << Dump(lines);
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [&](const LogLine& l) {
-                return l.text == none || l.text.rfind(u"unable to connect", 0) == 0 ||
-                       l.text.rfind(u"filename property", 0) == 0;
+    // One reason, besides the stores' traces of files not found.
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](const LogLine& l) {
+                return l.level == 0 && l.text.rfind(u"--", 0) != 0;
               }), 1) << Dump(lines);
     const int version = IndexOfPrefix(lines, u"configuration_test");
     EXPECT_TRUE(version >= 0 && (c.components == 3 ? version < message : version > message)) << Dump(lines);
@@ -91,9 +89,7 @@ TEST_F(ConfigurationTest, LoadsInFileOrderAndUnloadsInNameOrder) {
                                {u"test_b", W(ORLENDA_TEST_B_MODULE)}});
   ASSERT_TRUE(CConfiguration::Load());
   ASSERT_EQ(CConfiguration::components().size(), 3u);
-  for (const char16_t* name : {u"test_a", u"test_b", u"test_c"}) {
-    EXPECT_NE(CConfiguration::FindComponent(name), nullptr) << testing::Narrow(name);
-  }
+  EXPECT_NE(CConfiguration::FindComponent(u"test_a"), nullptr);
   EXPECT_EQ(CConfiguration::FindComponent(u"test_d"), nullptr);
   EXPECT_EQ(CConfiguration::FindComponent(u"TEST_A"), nullptr);  // names compare exactly
 
@@ -130,32 +126,19 @@ class HostTableTest : public ConfigurationTest {
   const SkHostTable* host_ = nullptr;
 };
 
-TEST_F(HostTableTest, TypedValuesRoundTripThroughThePropertiesStore) {
-  EXPECT_NE(host_->SetString(S(u"/dev/a/name"), S(u"drawer \u00e9")), 0);
-  SkString* text = nullptr;
-  ASSERT_NE(host_->GetString(S(u"/dev/a/name"), &text), 0);
-  ASSERT_NE(text, nullptr);
-  EXPECT_EQ(FromSkString(text), u"drawer \u00e9");
-  SkStringFree(text);
-
-  EXPECT_NE(host_->SetNumber(S(u"/dev/a/baud"), 9600), 0);
-  uint32_t number = 0;
-  EXPECT_NE(host_->GetNumber(S(u"/dev/a/baud"), &number), 0);
-  EXPECT_EQ(number, 9600u);
-
+// Strings and numbers through the host table are what every test module reads and records; groups
+// and deletion are checked here.
+TEST_F(HostTableTest, GroupsAndDeletionWorkOnThePropertiesStore) {
+  for (const char16_t* path : {u"/dev/a/baud", u"/dev/b/baud"}) EXPECT_NE(host_->SetNumber(S(path), 1), 0);
   // Groups come back in file order as a list the caller frees; a missing group is an empty list.
-  EXPECT_NE(host_->SetNumber(S(u"/dev/b/baud"), 1), 0);
   EXPECT_EQ(Groups(u"/dev"), (std::vector<WString>{W(u"a"), W(u"b")}));
   EXPECT_EQ(Groups(u"/nowhere"), std::vector<WString>{});
 
   EXPECT_NE(host_->Delete(S(u"/dev/a")), 0);
-  text = nullptr;
-  EXPECT_EQ(host_->GetString(S(u"/dev/a/name"), &text), 0);
-  EXPECT_EQ(text, nullptr);
+  EXPECT_EQ(Groups(u"/dev"), std::vector<WString>{W(u"b")});
+  uint32_t number = 0;
   EXPECT_EQ(host_->GetNumber(S(u"/dev/a/baud"), &number), 0);
-
-  // Everything went to the properties store, none of it to the configuration store.
-  EXPECT_EQ(RecordedCalls(), u"test_a:init:0;");
+  // None of it went to the configuration store.
   HeapVector<WString> groups;
   CConfiguration::WithConfiguration([&](CPropertyHandler& s) { return s.EnumerateGroups(u"/", &groups); });
   EXPECT_EQ(groups, HeapVector<WString>{W(u"components")});
@@ -208,10 +191,8 @@ TEST_F(ConfigurationTest, LoadResourceXMLGivesTheSchemaOrASystemError) {
   CConfiguration port;
   WString xml;
   ASSERT_EQ(port.LoadResourceXML(101, &xml), SKR_SUCCESS);
-  EXPECT_EQ(xml.rfind(u"<?xml", 0), 0u);
   // The whole document, decoded from UTF-8, and nothing after it.
   EXPECT_EQ(xml, Utf8ToWide(std::string_view(reinterpret_cast<const char*>(bytes), size)));
-  EXPECT_EQ(xml.find(u'\xFFFD'), WString::npos);
 
   LogCapture capture;
   EXPECT_EQ(port.LoadResourceXML(102, &xml), SKR_SYSTEM_ERROR);
@@ -223,11 +204,8 @@ TEST_F(ConfigurationTest, LoadResourceXMLGivesTheSchemaOrASystemError) {
   ASSERT_GE(at, 0) << Dump(lines);
   EXPECT_EQ(lines[at].level, 0u);
   // The system's error number, in decimal, closes the line.
-  const std::u16string rest = lines[at].text.substr(prefix.size());
-  ASSERT_GE(rest.size(), 2u);
-  EXPECT_EQ(rest.back(), u'>');
-  EXPECT_TRUE(std::all_of(rest.begin(), rest.end() - 1, [](char16_t c) { return (c >= u'0' && c <= u'9') || c == u'-'; }))
-      << testing::Narrow(rest);
+  EXPECT_TRUE(std::regex_match(testing::Narrow(lines[at].text.substr(prefix.size())), std::regex("-?[0-9]+>")))
+      << Dump(lines);
 }
 
 }  // namespace
