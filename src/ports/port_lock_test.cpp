@@ -1,7 +1,5 @@
 // The port lock: requests and their parameters, notices, keys, the hand-over, placeholders after the
 // device's lock state moved, the exclusive-writer flag and a connection that vanishes.
-#include <gtest/gtest.h>
-
 #include "ports/port_test_fixture.h"
 
 namespace orlenda {
@@ -9,9 +7,19 @@ namespace {
 
 using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
 
-using Values = std::vector<uint32_t>;
+// A member that writes the moment it is told it holds the lock, from inside the notice itself.
+class Member : public LocalConnection {
+ public:
+  void PushEvent(uint32_t event, BlobRef data) override {
+    uint32_t value = 0;
+    if (event == SK_EVENT_LOCK && DwordBlobRead(data.get(), &value) && value == 1) {
+      EXPECT_EQ(WriteText(*this, "now"), SKR_SUCCESS) << "written from inside the notice that it holds the lock";
+    }
+    LocalConnection::PushEvent(event, std::move(data));
+  }
+};
 
-// Connections on loop/dev1 that listen to the lock notices.
+// Members of loop/dev1 that listen to the lock notices, and the steps they take in turn.
 class LockTest : public PortTest {
  protected:
   void Open(LocalConnection& c, const char16_t* name = u"loop/dev1") {
@@ -20,17 +28,58 @@ class LockTest : public PortTest {
     c.RegisterCallback(SK_EVENT_EXCLUSIVE);
     c.RegisterCallback(SK_EVENT_NOTIFY);
   }
-  void Open(std::initializer_list<LocalConnection*> connections) {
-    for (LocalConnection* c : connections) Open(*c);
+
+  // kDevice: the device's lock state moves to the step's value as if someone outside the service
+  // took or gave back the device (the module raises SK_EVENT_LOCK_CHANGED to the port). kGranted
+  // answers 1 for lock granted; kStackState answers the lock state the stack reports.
+  enum Act { kLock, kUnlock, kWrite, kClose, kExclusive, kDevice, kGranted, kStackState };
+  struct Step {
+    int who;           // index of the acting member
+    Act act;
+    uint32_t value;    // kExclusive and kDevice
+    uint32_t result;
+    const char* told;  // per member, the value of the one `event` it got in this step, '.' for none
+    bool locked;       // whether the port counts as locked afterwards
+  };
+
+  static uint32_t Do(LocalConnection& c, const Step& step, uint32_t port) {
+    BlobRef output;
+    uint32_t state = 99;
+    switch (step.act) {
+      case kLock: return Lock(c);
+      case kUnlock: return Lock(c, 2);
+      case kWrite: return WriteText(c, "x");
+      case kClose: return c.Close();
+      case kExclusive: return c.Ioctl(SK_PORT_EXCLUSIVE, Dword(step.value), &output);
+      case kDevice: return ModuleIoctl(u"loopback", port, kLoopbackSetLockState, step.value);
+      case kGranted: return c.lock_granted() ? 1 : 0;
+      case kStackState:
+        c.Ioctl(SK_LOCK_STATE, BlobRef(), &output);
+        return DwordBlobRead(output.get(), &state) ? state : 99;
+    }
+    return 99;
   }
-  // The lock state the stack reports.
-  static uint32_t StackLockState(LocalConnection& c) {
-    BlobRef state;
-    uint32_t value = 99;
-    EXPECT_EQ(c.Ioctl(SK_LOCK_STATE, BlobRef(), &state), SKR_SUCCESS);
-    EXPECT_TRUE(DwordBlobRead(state.get(), &value));
-    return value;
+
+  // Plays the steps on the port of the first member. After each, every member's `event` notices
+  // are compared, and the system is told that a port's lock state changed exactly when it did.
+  static void Play(const std::vector<LocalConnection*>& members, uint32_t event, const std::vector<Step>& steps) {
+    const uint32_t port = members[0]->port_number();
+    bool locked = PortTable::IsAnyPortLocked();
+    LockStateChangedEvent().Wait(0);  // start from unsignalled
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+      const Step& step = steps[i];
+      SCOPED_TRACE(::testing::Message() << "step " << i);
+      EXPECT_EQ(Do(*members[step.who], step, port), step.result);
+      for (std::size_t m = 0; m < members.size(); ++m) {
+        const char told = step.told[m];
+        EXPECT_EQ(DwordEvents(*members[m], event), told == '.' ? Values{} : Values{uint32_t(told - '0')}) << m;
+      }
+      EXPECT_EQ(PortTable::IsAnyPortLocked(), step.locked);
+      EXPECT_EQ(LockStateChangedEvent().Wait(0), step.locked != locked);
+      locked = step.locked;
+    }
   }
+  using Values = std::vector<uint32_t>;
 };
 
 TEST_F(LockTest, ParametersAreCheckedBeforeAnythingHappens) {
@@ -39,7 +88,6 @@ TEST_F(LockTest, ParametersAreCheckedBeforeAnythingHappens) {
   Open(c);
   BlobRef output;
   EXPECT_EQ(c.Ioctl(SK_PORT_LOCK, Bytes({"\x01\0\0", 3}), &output), SKR_INVALID_SIZE);
-  EXPECT_EQ(c.Ioctl(SK_PORT_LOCK, BlobRef(), &output), SKR_INVALID_SIZE);
   EXPECT_EQ(Lock(c, 3), SKR_INVALID_PARAMETER);
   EXPECT_EQ(Lock(c, 0), SKR_INVALID_PARAMETER);
   EXPECT_EQ(c.Ioctl(SK_PORT_EXCLUSIVE, Bytes({"\x01\0\0", 3}), &output), SKR_INVALID_SIZE);
@@ -49,8 +97,8 @@ TEST_F(LockTest, ParametersAreCheckedBeforeAnythingHappens) {
 }
 
 TEST_F(LockTest, AdmissionAndHandOverTellEveryMemberInArrivalOrder) {
-  LocalConnection a, b, c, elsewhere;
-  Open({&a, &b, &c});
+  Member a, b, c, elsewhere;
+  for (LocalConnection* m : {&a, &b, &c}) Open(*m);
   Open(elsewhere, u"loop/dev2");
   // A notice needs no lock and reaches the other members of the port only.
   BlobRef output;
@@ -59,178 +107,110 @@ TEST_F(LockTest, AdmissionAndHandOverTellEveryMemberInArrivalOrder) {
   ASSERT_EQ(notes.size(), 1u);
   EXPECT_TRUE(notes[0].event == SK_EVENT_NOTIFY && Text(notes[0].data) == "hello");
   EXPECT_TRUE(a.TakeEvents().empty() && elsewhere.TakeEvents().empty());
-  LockStateChangedEvent().Wait(0);  // start from unsignalled
 
-  EXPECT_FALSE(PortTable::IsAnyPortLocked());
-  ASSERT_EQ(Lock(a), SKR_SUCCESS);
-  EXPECT_TRUE(a.lock_granted());
-  EXPECT_TRUE(PortTable::IsAnyPortLocked());
-  EXPECT_TRUE(LockStateChangedEvent().Wait(0));
-  EXPECT_EQ(DwordEvents(a, SK_EVENT_LOCK), Values{1});
-  EXPECT_EQ(DwordEvents(b, SK_EVENT_LOCK), Values{2});
-  EXPECT_TRUE(DwordEvents(elsewhere, SK_EVENT_LOCK).empty());
-  EXPECT_EQ(StackLockState(b), 1u);  // the stack was locked for the port
-
-  EXPECT_EQ(Lock(b), SKR_LOCK_PENDING);
-  EXPECT_EQ(Lock(c), SKR_LOCK_PENDING);
-  for (auto* x : {&a, &b, &c}) x->TakeEvents();
-  EXPECT_EQ(Lock(a, 2), SKR_SUCCESS);
-  EXPECT_FALSE(c.lock_granted());
-  EXPECT_EQ(DwordEvents(b, SK_EVENT_LOCK), Values{1});
-  EXPECT_EQ(DwordEvents(c, SK_EVENT_LOCK), Values{2});
-  EXPECT_EQ(DwordEvents(a, SK_EVENT_LOCK), Values{2});
-  EXPECT_EQ(WriteText(a, "late"), SKR_NOT_LOCKED);
-  EXPECT_EQ(WriteText(b, "now"), SKR_SUCCESS);
-
-  // A waiter that gives up is simply dropped; unlocking twice is harmless.
-  EXPECT_EQ(Lock(c, 2), SKR_SUCCESS);
-  EXPECT_EQ(Lock(c, 2), SKR_SUCCESS);
-  LockStateChangedEvent().Wait(0);
-  EXPECT_EQ(Lock(b, 2), SKR_SUCCESS);
-  EXPECT_TRUE(LockStateChangedEvent().Wait(0));
-  EXPECT_FALSE(b.lock_granted() || c.lock_granted());
-  EXPECT_FALSE(PortTable::IsAnyPortLocked());
-
-  // A holder that closes (as one that vanishes does) passes the lock on without a request; the
-  // last one to leave unlocks the port, and that is told as well.
-  ASSERT_EQ(Lock(c), SKR_SUCCESS);
-  ASSERT_EQ(Lock(b), SKR_LOCK_PENDING);
-  b.TakeEvents();
-  ASSERT_EQ(c.Close(), SKR_SUCCESS);
-  EXPECT_EQ(DwordEvents(b, SK_EVENT_LOCK), Values{1});
-  EXPECT_EQ(WriteText(b, "mine"), SKR_SUCCESS);
-  EXPECT_TRUE(PortTable::IsAnyPortLocked());
-  LockStateChangedEvent().Wait(0);
-  ASSERT_EQ(b.Close(), SKR_SUCCESS);
-  EXPECT_TRUE(LockStateChangedEvent().Wait(0));
-  EXPECT_FALSE(PortTable::IsAnyPortLocked());
+  enum { A, B, C };
+  Play({&a, &b, &c, &elsewhere}, SK_EVENT_LOCK,
+       {{A, kLock, 0, SKR_SUCCESS, "122.", true},
+        {B, kStackState, 0, 1, "....", true},  // the stack was locked for the port
+        {B, kLock, 0, SKR_LOCK_PENDING, "....", true},
+        {C, kLock, 0, SKR_LOCK_PENDING, "....", true},
+        {A, kUnlock, 0, SKR_SUCCESS, "212.", true},
+        {C, kGranted, 0, 0, "....", true},
+        {A, kWrite, 0, SKR_NOT_LOCKED, "....", true},
+        {B, kWrite, 0, SKR_SUCCESS, "....", true},
+        // A waiter that gives up is simply dropped; unlocking twice is harmless.
+        {C, kUnlock, 0, SKR_SUCCESS, "....", true},
+        {C, kUnlock, 0, SKR_SUCCESS, "....", true},
+        {B, kUnlock, 0, SKR_SUCCESS, "....", false},
+        // A holder that closes (as one that vanishes does) passes the lock on without a request;
+        // the last one to leave unlocks the port.
+        {C, kLock, 0, SKR_SUCCESS, "221.", true},
+        {B, kLock, 0, SKR_LOCK_PENDING, "....", true},
+        {C, kClose, 0, SKR_SUCCESS, "21..", true},
+        {B, kWrite, 0, SKR_SUCCESS, "....", true},
+        {B, kClose, 0, SKR_SUCCESS, "....", false}});
 }
 
 TEST_F(LockTest, KeyedRequestsShareTheLockWithOtherKeysOnly) {
-  LocalConnection a, b, a2, plain;
+  Member a, b, a2, plain;
   Open(a, u"loop/dev1?key=a");
   Open(b, u"loop/dev1?b");
   Open(a2, u"loop/dev1?key=a");
   Open(plain);
-  ASSERT_EQ(Lock(a), SKR_SUCCESS);  // an empty queue admits whatever the key
-  a.TakeEvents();
-  b.TakeEvents();
-  EXPECT_EQ(Lock(b), SKR_SUCCESS);
-  EXPECT_EQ(DwordEvents(b, SK_EVENT_LOCK), Values{1});
-  EXPECT_TRUE(DwordEvents(a, SK_EVENT_LOCK).empty());  // a grant beside the holders is told alone
-  EXPECT_EQ(Lock(a2), SKR_LOCK_PENDING);
-  EXPECT_EQ(Lock(plain), SKR_LOCK_PENDING);
-  EXPECT_FALSE(plain.lock_granted());
-  EXPECT_EQ(WriteText(b, "b"), SKR_SUCCESS);
-  EXPECT_EQ(WriteText(a2, "a2"), SKR_NOT_LOCKED);
-
-  // a leaves: the front is b, already a holder; a2 now shares beside b (key a no longer ahead).
-  DwordEvents(a2, SK_EVENT_LOCK);
-  EXPECT_EQ(Lock(a, 2), SKR_SUCCESS);
-  EXPECT_TRUE(a2.lock_granted());
-  EXPECT_EQ(DwordEvents(a2, SK_EVENT_LOCK), Values{1});
-  EXPECT_FALSE(plain.lock_granted());
-
-  // Both keyed holders leave: the keyless waiter is admitted with the stack's lock.
-  DwordEvents(plain, SK_EVENT_LOCK);
-  EXPECT_EQ(b.Close(), SKR_SUCCESS);
-  EXPECT_FALSE(plain.lock_granted());
-  EXPECT_EQ(Lock(a2, 2), SKR_SUCCESS);
-  EXPECT_TRUE(plain.lock_granted());
-  EXPECT_EQ(DwordEvents(plain, SK_EVENT_LOCK), Values{1});
-  EXPECT_EQ(DwordEvents(a2, SK_EVENT_LOCK), Values{2});
+  enum { A, B, A2, P };
+  Play({&a, &b, &a2, &plain}, SK_EVENT_LOCK,
+       {{A, kLock, 0, SKR_SUCCESS, "1222", true},        // an empty queue admits whatever the key
+        {B, kLock, 0, SKR_SUCCESS, ".1..", true},        // a grant beside the holders is told alone
+        {A2, kLock, 0, SKR_LOCK_PENDING, "....", true},  // key a is ahead
+        {P, kLock, 0, SKR_LOCK_PENDING, "....", true},
+        {B, kWrite, 0, SKR_SUCCESS, "....", true},
+        {A2, kWrite, 0, SKR_NOT_LOCKED, "....", true},
+        // a leaves: the front is b, already a holder; a2 now shares beside b.
+        {A, kUnlock, 0, SKR_SUCCESS, "..1.", true},
+        // Both keyed holders leave: the keyless waiter is admitted with the stack's lock (not before:
+        // lock granted, once given, stays until an unlock).
+        {B, kClose, 0, SKR_SUCCESS, "....", true},
+        {P, kGranted, 0, 0, "....", true},
+        {A2, kUnlock, 0, SKR_SUCCESS, "2.21", true},
+        {P, kGranted, 0, 1, "....", true}});
 }
 
 TEST_F(LockTest, DeviceHeldElsewhereLeavesAPlaceholderUntilItIsFreeAgain) {
-  LocalConnection a, b, c;
-  Open({&a, &b, &c});
-  ASSERT_EQ(Lock(a), SKR_SUCCESS);
-  const uint32_t port = a.port_number();
-
-  // State 2: someone outside took the device. a keeps lock granted, but the port no longer
-  // counts as locked, and a new request queues behind the placeholder.
-  ASSERT_EQ(SetDeviceLockState(port, 2), SKR_SUCCESS);
-  EXPECT_FALSE(PortTable::IsAnyPortLocked());
-  EXPECT_EQ(Lock(b), SKR_LOCK_PENDING);
-  EXPECT_FALSE(PortTable::IsAnyPortLocked());
-  a.TakeEvents();
-  b.TakeEvents();
-
-  // State 3: free again. The stack is locked again and the queue is told who holds it.
-  ASSERT_EQ(SetDeviceLockState(port, 3), SKR_SUCCESS);
-  EXPECT_TRUE(PortTable::IsAnyPortLocked());
-  EXPECT_EQ(DwordEvents(a, SK_EVENT_LOCK), Values{1});
-  EXPECT_EQ(DwordEvents(b, SK_EVENT_LOCK), Values{2});
-  EXPECT_EQ(StackLockState(a), 1u);
-  // Any other state changes nothing.
-  ASSERT_EQ(SetDeviceLockState(port, 7), SKR_SUCCESS);
-  EXPECT_TRUE(PortTable::IsAnyPortLocked());
-
-  // The holder leaves while the device is held elsewhere: the hand-over waits for the device.
-  ASSERT_EQ(SetDeviceLockState(port, 2), SKR_SUCCESS);
-  EXPECT_EQ(Lock(a, 2), SKR_SUCCESS);
-  EXPECT_FALSE(b.lock_granted());
-  EXPECT_EQ(WriteText(b, "too early"), SKR_NOT_LOCKED);
-  b.TakeEvents();
-  ASSERT_EQ(SetDeviceLockState(port, 3), SKR_SUCCESS);
-  EXPECT_EQ(DwordEvents(b, SK_EVENT_LOCK), Values{1});
-  EXPECT_EQ(WriteText(b, "now"), SKR_SUCCESS);
-  EXPECT_TRUE(PortTable::IsAnyPortLocked());
-
-  // With the placeholder alone in the queue, a request is admitted at once, behind it.
-  ASSERT_EQ(SetDeviceLockState(port, 2), SKR_SUCCESS);
-  ASSERT_EQ(Lock(b, 2), SKR_SUCCESS);
-  EXPECT_EQ(Lock(c), SKR_SUCCESS);
-  EXPECT_TRUE(c.lock_granted());
-  EXPECT_FALSE(PortTable::IsAnyPortLocked());
-  c.TakeEvents();
-  ASSERT_EQ(SetDeviceLockState(port, 3), SKR_SUCCESS);
-  EXPECT_TRUE(PortTable::IsAnyPortLocked());
-  EXPECT_EQ(DwordEvents(c, SK_EVENT_LOCK), Values{1});
-
-  // An empty queue ignores the report: no placeholder is left for the next request to queue behind.
-  EXPECT_EQ(Lock(c, 2), SKR_SUCCESS);
-  ASSERT_EQ(SetDeviceLockState(port, 2), SKR_SUCCESS);
-  EXPECT_FALSE(PortTable::IsAnyPortLocked());
-  EXPECT_EQ(Lock(a), SKR_SUCCESS);
-  EXPECT_TRUE(PortTable::IsAnyPortLocked());
+  Member a, b, c;
+  for (LocalConnection* m : {&a, &b, &c}) Open(*m);
+  enum { A, B, C };
+  Play({&a, &b, &c}, SK_EVENT_LOCK,
+       {{A, kLock, 0, SKR_SUCCESS, "122", true},
+        // State 2: someone outside took the device. a keeps lock granted, but the port no longer
+        // counts as locked, and a new request queues behind the placeholder.
+        {A, kDevice, 2, SKR_SUCCESS, "...", false},
+        {A, kGranted, 0, 1, "...", false},
+        {B, kLock, 0, SKR_LOCK_PENDING, "...", false},
+        // State 3: free again. The stack is locked again and the queue is told who holds it.
+        {A, kDevice, 3, SKR_SUCCESS, "12.", true},
+        {A, kStackState, 0, 1, "...", true},
+        {A, kDevice, 7, SKR_SUCCESS, "...", true},  // any other state changes nothing
+        // The holder leaves while the device is held elsewhere: the hand-over waits for the device.
+        {A, kDevice, 2, SKR_SUCCESS, "...", false},
+        {A, kUnlock, 0, SKR_SUCCESS, "...", false},
+        {B, kWrite, 0, SKR_NOT_LOCKED, "...", false},
+        {A, kDevice, 3, SKR_SUCCESS, ".1.", true},
+        {B, kWrite, 0, SKR_SUCCESS, "...", true},
+        // With the placeholder alone in the queue, a request is admitted at once, behind it.
+        {A, kDevice, 2, SKR_SUCCESS, "...", false},
+        {B, kUnlock, 0, SKR_SUCCESS, "...", false},
+        {C, kLock, 0, SKR_SUCCESS, "221", false},
+        {A, kDevice, 3, SKR_SUCCESS, "..1", true},
+        // An empty queue ignores the report: no placeholder is left for the next request to queue
+        // behind.
+        {C, kUnlock, 0, SKR_SUCCESS, "...", false},
+        {A, kDevice, 2, SKR_SUCCESS, "...", false},
+        {A, kLock, 0, SKR_SUCCESS, "122", true}});
 }
 
 TEST_F(LockTest, ExclusiveWriterIsTakenRefusedGivenUpAndReleasedByClose) {
-  LocalConnection a, b, watcher;
+  Member a, b, watcher;
   Open(a, u"loop/dev1?key=a");
   Open(b, u"loop/dev1?key=b");
   Open(watcher);
-  BlobRef output;
-  EXPECT_EQ(a.Ioctl(SK_PORT_EXCLUSIVE, Dword(1), &output), SKR_NOT_LOCKED);
-  ASSERT_EQ(Lock(a), SKR_SUCCESS);
-  ASSERT_EQ(Lock(b), SKR_SUCCESS);
-  for (auto* x : {&a, &b, &watcher}) x->TakeEvents();
-
-  EXPECT_EQ(a.Ioctl(SK_PORT_EXCLUSIVE, Dword(1), &output), SKR_SUCCESS);
-  // Only the other members with lock granted hear it (bit 29).
-  EXPECT_EQ(DwordEvents(b, SK_EVENT_EXCLUSIVE), Values{1});
-  EXPECT_TRUE(DwordEvents(watcher, SK_EVENT_EXCLUSIVE).empty());
-  EXPECT_TRUE(DwordEvents(a, SK_EVENT_EXCLUSIVE).empty());
-  EXPECT_EQ(a.Ioctl(SK_PORT_EXCLUSIVE, Dword(5), &output), SKR_SUCCESS);  // held already: quiet
-  EXPECT_TRUE(DwordEvents(b, SK_EVENT_EXCLUSIVE).empty());
-
-  EXPECT_EQ(b.Ioctl(SK_PORT_EXCLUSIVE, Dword(1), &output), SKR_LOCKED_BY_OTHER);
-  EXPECT_EQ(b.Ioctl(SK_PORT_EXCLUSIVE, Dword(0), &output), SKR_LOCKED_BY_OTHER);
-  EXPECT_EQ(WriteText(b, "blocked"), SKR_LOCKED_BY_OTHER);
-  EXPECT_EQ(WriteText(a, "writer"), SKR_SUCCESS);
-
-  EXPECT_EQ(a.Ioctl(SK_PORT_EXCLUSIVE, Dword(0), &output), SKR_SUCCESS);
-  EXPECT_EQ(DwordEvents(b, SK_EVENT_EXCLUSIVE), Values{0});
-  EXPECT_EQ(WriteText(b, "free"), SKR_SUCCESS);
-
-  EXPECT_EQ(b.Ioctl(SK_PORT_EXCLUSIVE, Dword(1), &output), SKR_SUCCESS);
-  EXPECT_EQ(WriteText(a, "blocked"), SKR_LOCKED_BY_OTHER);
-  a.TakeEvents();
-  EXPECT_EQ(b.Close(), SKR_SUCCESS);  // gives the flag up with the lock
-  EXPECT_EQ(DwordEvents(a, SK_EVENT_EXCLUSIVE), Values{0});
-  EXPECT_EQ(WriteText(a, "free again"), SKR_SUCCESS);
-  EXPECT_EQ(a.Ioctl(SK_PORT_EXCLUSIVE, Dword(1), &output), SKR_SUCCESS);
+  enum { A, B };
+  Play({&a, &b, &watcher}, SK_EVENT_EXCLUSIVE,
+       {{A, kExclusive, 1, SKR_NOT_LOCKED, "...", false},
+        {A, kLock, 0, SKR_SUCCESS, "...", true},
+        {B, kLock, 0, SKR_SUCCESS, "...", true},
+        {A, kExclusive, 1, SKR_SUCCESS, ".1.", true},  // only the other members with lock granted hear it
+        {A, kExclusive, 5, SKR_SUCCESS, "...", true},  // held already: quiet
+        {B, kExclusive, 1, SKR_LOCKED_BY_OTHER, "...", true},
+        {B, kExclusive, 0, SKR_LOCKED_BY_OTHER, "...", true},
+        {B, kWrite, 0, SKR_LOCKED_BY_OTHER, "...", true},
+        {A, kWrite, 0, SKR_SUCCESS, "...", true},
+        {A, kExclusive, 0, SKR_SUCCESS, ".0.", true},
+        {B, kWrite, 0, SKR_SUCCESS, "...", true},
+        {B, kExclusive, 1, SKR_SUCCESS, "1..", true},
+        {A, kWrite, 0, SKR_LOCKED_BY_OTHER, "...", true},
+        {B, kClose, 0, SKR_SUCCESS, "0..", true},  // gives the flag up with the lock
+        {A, kWrite, 0, SKR_SUCCESS, "...", true},
+        {A, kExclusive, 1, SKR_SUCCESS, "...", true}});
 }
 
 }  // namespace

@@ -14,9 +14,12 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -47,13 +50,18 @@ inline bool SetNumberProperty(const WString& path, uint32_t value) {
   return CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.SetNumber(View(path), value); });
 }
 
+using testing::Dump;
+using testing::IndexOf;
+using testing::IndexOfPrefix;
+using testing::LogCapture;
+using testing::LogLine;
+
 // The stored string, or "<missing>".
 inline WString GetProperty(const WString& path) {
   WString value = u"<missing>";
   CConfiguration::WithProperties([&](CPropertyHandler& s) { return s.GetString(View(path), &value); });
   return value;
 }
-
 
 inline std::size_t CountOf(const std::u16string& text, const std::u16string& part) {
   std::size_t count = 0;
@@ -112,14 +120,21 @@ inline std::vector<uint32_t> DwordEvents(LocalConnection& connection, uint32_t e
   return values;
 }
 
-// Sets the loopback device's lock state for port `number` as if someone outside the service took
-// or gave back the device: straight to the module, past the port's access rules. The module
-// raises SK_EVENT_LOCK_CHANGED to the port.
-inline uint32_t SetDeviceLockState(uint32_t number, uint32_t state) {
-  CComponent* loopback = CConfiguration::FindComponent(u"loopback");
-  if (loopback == nullptr) return SKR_INVALID_HANDLE;
+// Whether `condition` holds within `bound`, looking every millisecond.
+inline bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds bound) {
+  const auto deadline = std::chrono::steady_clock::now() + bound;
+  while (!condition() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return condition();
+}
+
+// Sends `code` with a DWORD straight to the module `component` for its port `number`, past the
+// port's access rules.
+inline uint32_t ModuleIoctl(const char16_t* component, uint32_t number, uint32_t code, uint32_t value) {
   Blob* output = nullptr;
-  const uint32_t result = loopback->Ioctl(number, kLoopbackSetLockState, DwordBlobCreate(state), &output);
+  CComponent* module = CConfiguration::FindComponent(component);
+  const uint32_t result = module->Ioctl(number, code, DwordBlobCreate(value), &output);
   BlobRelease(output);
   return result;
 }
