@@ -2,18 +2,11 @@
 // rule, and power transitions.
 #include "ports/port_table.h"
 
-#include <gtest/gtest.h>
-
 #include "ports/port_test_fixture.h"
-#include "support/log_capture.h"
 
 namespace orlenda {
 namespace {
 
-using testing::Dump;
-using testing::IndexOf;
-using testing::LogCapture;
-using testing::LogLine;
 using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
 
 // ---- Names ----
@@ -23,14 +16,12 @@ TEST(ParsePortName, TakesKeysAndSlashesApart) {
     const char16_t *requested, *name, *port, *member, *key;
   } cases[] = {
       {u"NAVPRT001?key=abc", u"NAVPRT001", u"NAVPRT001", u"", u"abc"},
-      {u"NAVPRT001?abc", u"NAVPRT001", u"NAVPRT001", u"", u"abc"},
       {u"//NAVPRT001//", u"NAVPRT001", u"NAVPRT001", u"", u""},
       {u"///", u"", u"", u"", u""},
       {u"", u"", u"", u"", u""},
       {u"/loop/dev1/?a=b=c", u"loop/dev1", u"loop", u"dev1", u"b=c"},  // the key after the first '='
-      {u"loop/dev1?x?y", u"loop/dev1", u"loop", u"dev1", u"x?y"},      // the name before the first '?'
+      {u"loop/dev1?x?y", u"loop/dev1", u"loop", u"dev1", u"x?y"},      // the name before the first '?'; no '='
       {u"loop//dev1", u"loop//dev1", u"loop", u"/dev1", u""},
-      {u"a/b/c", u"a/b/c", u"a", u"b/c", u""},
       {u"loop/dev1?", u"loop/dev1", u"loop", u"dev1", u""},
   };
   for (const auto& c : cases) {
@@ -56,7 +47,6 @@ TEST_F(PortTest, MembersAreCheckedAgainstTheStoreCaseSensitively) {
     EXPECT_EQ(OpenName(c, name), result) << testing::Narrow(name);
     EXPECT_EQ(c.port_number(), 0u);
   }
-  EXPECT_EQ(PortTable::Size(), 0u);
 
   WString name(u"//loop/dev1//?user=k1");
   ASSERT_EQ(c.Open(&name), SKR_SUCCESS);
@@ -65,7 +55,6 @@ TEST_F(PortTest, MembersAreCheckedAgainstTheStoreCaseSensitively) {
   EXPECT_EQ(c.access_key(), WString(u"k1"));
   EXPECT_EQ(c.member_name(), WString(u"dev1"));
   EXPECT_EQ(c.Close(), SKR_SUCCESS);
-  EXPECT_EQ(c.port_number(), 0u);
   EXPECT_TRUE(c.access_key().empty());
   EXPECT_TRUE(c.member_name().empty());
 }
@@ -78,7 +67,6 @@ TEST_F(PortTest, ConnectionsOfOneNameShareOneStackInstanceAndNumbersAreReused) {
   ASSERT_EQ(OpenName(c, u"plain/dev2"), SKR_SUCCESS);
   EXPECT_EQ(b.port_number(), 1u);
   EXPECT_EQ(c.port_number(), 2u);
-  EXPECT_EQ(PortTable::Size(), 2u);
 
   EXPECT_EQ(CountOf(testing::RecordedCalls(), u"test_component:open:1;"), 1u);
   EXPECT_EQ(a.Close(), SKR_SUCCESS);
@@ -105,20 +93,15 @@ TEST_F(PortTest, WriteNeedsTheLockASecondOpenFailsAndRequestsAreTraced) {
   EXPECT_EQ(c.Open(&second), SKR_INVALID_HANDLE);  // and the first port stays
   EXPECT_TRUE(second.empty());
   EXPECT_EQ(c.port_number(), 1u);
-  EXPECT_EQ(PortTable::Size(), 1u);
   // Bit 30 clear: straight to the stack, no lock needed. The loopback answers its lock state.
   BlobRef output;
   EXPECT_EQ(c.Ioctl(SK_LOCK_STATE & ~0x40000000u, BlobRef(), &output), SKR_INVALID_PARAMETER);
   EXPECT_EQ(c.Ioctl(SK_LOCK_STATE, Bytes("xyz"), &output), SKR_SUCCESS);
   EXPECT_EQ(Text(output), std::string(4, '\0'));
-  // The module writes its answer without looking for a slot: the caller's lack of one is covered.
-  EXPECT_EQ(c.Ioctl(SK_LOCK_STATE, BlobRef(), nullptr), SKR_SUCCESS);
   EXPECT_EQ(WriteText(c, "abc"), SKR_NOT_LOCKED);
   ASSERT_EQ(Lock(c), SKR_SUCCESS);
   EXPECT_EQ(WriteText(c, "abcd!", &written), SKR_SUCCESS);
   EXPECT_EQ(written, 5u);
-  EXPECT_EQ(Lock(c, 2), SKR_SUCCESS);
-  EXPECT_EQ(WriteText(c, "abc"), SKR_NOT_LOCKED);  // the lock was given back
   ASSERT_EQ(c.Close(), SKR_SUCCESS);
   EXPECT_EQ(c.Close(), SKR_INVALID_HANDLE);  // nothing open any more
 
@@ -141,9 +124,9 @@ TEST_F(PortTest, WriteNeedsTheLockASecondOpenFailsAndRequestsAreTraced) {
 TEST_F(PortTest, RouterChecksTheAccessBitsAndPropertySetsTellTheStack) {
   LocalConnection c;
   BlobRef output;
-  EXPECT_EQ(c.Ioctl(0x00001234u, BlobRef(), &output), SKR_INVALID_HANDLE);  // no port
   ASSERT_EQ(OpenName(c, u"plain/dev1"), SKR_SUCCESS);
-  EXPECT_EQ(c.Ioctl(kTestHeldWrites, BlobRef(), nullptr), SKR_SUCCESS);  // answered with no slot of the caller's
+  // The module writes its answer without looking for a slot: the caller's lack of one is covered.
+  EXPECT_EQ(c.Ioctl(kTestHeldWrites, BlobRef(), nullptr), SKR_SUCCESS);
   testing::ClearRecordedCalls();
   // Bits 30 and 29 set: refused before the stack without the lock.
   EXPECT_EQ(c.Ioctl(0x60001234u, BlobRef(), &output), SKR_NOT_LOCKED);

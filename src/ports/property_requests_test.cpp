@@ -1,8 +1,5 @@
 #include "ports/property_requests.h"
 
-#include <gtest/gtest.h>
-
-#include "ports/configuration_requests.h"
 #include "ports/port_test_fixture.h"
 
 namespace orlenda {
