@@ -54,8 +54,7 @@ TEST_F(PropertyStoreTest, NestedGroupsAreCreatedAndWrittenAtOnce) {
   EXPECT_EQ(value_, u"value <&>");
   HeapVector<WString> groups;
   reread.EnumerateGroups(u"A", &groups);
-  ASSERT_EQ(groups.size(), 1u);
-  EXPECT_EQ(groups[0], u"B");
+  EXPECT_EQ(groups, HeapVector<WString>{u"B"});
   EXPECT_EQ(ReadBytes(store.file_path()),
             "<xmlroot>\r\n  <type value=\"A\">\r\n    <type value=\"B\">\r\n      <property id=\"C\" type=\"string\""
             " value=\"value &lt;&amp;&gt;\"/>\r\n    </type>\r\n  </type>\r\n</xmlroot>");
