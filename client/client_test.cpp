@@ -11,7 +11,6 @@
 #include <thread>
 #include <vector>
 
-#include "support/scripted_server.h"
 #include "support/served_fixture.h"
 
 namespace orlenda {
@@ -20,24 +19,15 @@ namespace {
 using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
 using namespace orlenda::testing;       // NOLINT: the served fixture, frames and the scripted server
 
-std::string NameAndValue(const std::u16string& name, const std::string& value) {
-  std::string bytes(reinterpret_cast<const char*>(name.c_str()), (name.size() + 1) * 2);
-  return bytes + value;
-}
+class ClientTest : public ServedTest, public ::testing::WithParamInterface<Transport> {};
 
-class ClientTest : public ServedTest, public ::testing::WithParamInterface<Transport> {
- protected:
-  void SetUp() override {
-    ServedTest::SetUp();
-    if (HasFatalFailure()) return;
-    Serve(GetParam());
-  }
-};
-
-// Every operation and its reply, in one session of one client; the events of its writes reach the
-// callback, where a call would wait for the thread that runs it and fails at once instead. Then the
-// service goes away: a later call fails with the lost connection, at once and for good.
+// Every operation and its reply, in one session of one client (what the service answers is the port
+// layer's to show; here it must come back whole, with a write's count and an ioctl's output). The
+// events of its writes reach the callback, where a call would wait for the thread that runs it and
+// fails at once instead. Then the service goes away: a later call fails with the lost connection,
+// at once and for good.
 TEST_P(ClientTest, EveryCallGetsItsReplyUntilTheServerStops) {
+  Serve(GetParam());
   skein::Client client;
   std::mutex mutex;
   std::vector<std::pair<uint32_t, std::string>> events;
@@ -60,30 +50,22 @@ TEST_P(ClientTest, EveryCallGetsItsReplyUntilTheServerStops) {
     uint32_t expected;
   };
   const std::vector<Step> steps = {
-      {"open an unknown member", [&] { return client.Open("loop/nobody"); }, SKR_INVALID_SIZE},
-      {"write with no port", [&] { return client.Write("x"); }, SKR_INVALID_HANDLE},
       {"open", [&] { return client.Open("loop/dev1"); }, SKR_SUCCESS},
-      {"open twice", [&] { return client.Open("loop/dev2"); }, SKR_INVALID_HANDLE},
       {"write unlocked", [&] { return client.Write("x"); }, SKR_NOT_LOCKED},
-      {"lock with a bad size", [&] { return client.Ioctl(SK_PORT_LOCK, "ab"); }, SKR_INVALID_SIZE},
       {"lock", [&] { return client.Ioctl(SK_PORT_LOCK, skein::Dword(1)); }, SKR_SUCCESS},
       {"register", [&] { return client.RegisterCallback(kLoopbackData); }, SKR_SUCCESS},
       {"write", [&] { return client.Write("hello", &written); }, SKR_SUCCESS},
-      {"set a string", [&] { return client.Ioctl(SK_CONFIG_SET_STRING_PROPERTY, NameAndValue(u"Model", std::string("X\0\0\0", 4))); },
+      {"set a string", [&] { return client.Ioctl(SK_CONFIG_SET_STRING_PROPERTY, Utf16Z(u"Model") + Utf16Z(u"X")); },
        SKR_SUCCESS},
-      {"get it back", [&] { return client.Ioctl(SK_CONFIG_GET_STRING_PROPERTY, NameAndValue(u"Model", ""), &output); },
+      {"get it back", [&] { return client.Ioctl(SK_CONFIG_GET_STRING_PROPERTY, Utf16Z(u"Model"), &output); },
        SKR_SUCCESS},
-      {"get a missing one", [&] { return client.Ioctl(SK_CONFIG_GET_NUMBER_PROPERTY, NameAndValue(u"No", "")); },
-       SKR_FAILED},
       {"unregister", [&] { return client.UnregisterCallback(kLoopbackData); }, SKR_SUCCESS},
       {"write unheard", [&] { return client.Write("quiet"); }, SKR_SUCCESS},
       {"close", [&] { return client.Close(); }, SKR_SUCCESS},
-      {"close twice", [&] { return client.Close(); }, SKR_INVALID_HANDLE},
-      {"open again", [&] { return client.Open("loop/dev1"); }, SKR_SUCCESS},
   };
   for (const Step& step : steps) EXPECT_EQ(step.call(), step.expected) << step.what;
   EXPECT_EQ(written, 5u);
-  EXPECT_EQ(output, std::string("X\0\0\0", 4));
+  EXPECT_EQ(output, Utf16Z(u"X"));
   for (int i = 0; i < 1000 && received().empty(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   EXPECT_EQ(received(), (std::vector<std::pair<uint32_t, std::string>>{{kLoopbackData, "hello"}}));
   EXPECT_EQ(inner.load(), SKC_WRONG_THREAD);
@@ -98,6 +80,7 @@ TEST_P(ClientTest, EveryCallGetsItsReplyUntilTheServerStops) {
 // Calls of many threads at once on one client, one of them held in the device: the others are
 // answered meanwhile (their replies overtake it), and every reply reaches its own call.
 TEST_P(ClientTest, CallsOfManyThreadsGetTheirOwnRepliesInAnyOrder) {
+  Serve(GetParam());
   skein::Client client;
   ASSERT_EQ(Connect(client, GetParam()), SKR_SUCCESS);
   ASSERT_EQ(client.Open("mixed/dev1"), SKR_SUCCESS);
@@ -122,8 +105,8 @@ TEST_P(ClientTest, CallsOfManyThreadsGetTheirOwnRepliesInAnyOrder) {
         const std::u16string name = u"n" + std::u16string(1, static_cast<char16_t>(u'a' + t));
         const std::string value(4, static_cast<char>(t * 10 + i));
         std::string back;
-        if (client.Ioctl(SK_CONFIG_SET_NUMBER_PROPERTY, NameAndValue(name, value)) != SKR_SUCCESS ||
-            client.Ioctl(SK_CONFIG_GET_NUMBER_PROPERTY, NameAndValue(name, ""), &back) != SKR_SUCCESS ||
+        if (client.Ioctl(SK_CONFIG_SET_NUMBER_PROPERTY, Utf16Z(name) + value) != SKR_SUCCESS ||
+            client.Ioctl(SK_CONFIG_GET_NUMBER_PROPERTY, Utf16Z(name), &back) != SKR_SUCCESS ||
             back != value) {
           ++mismatches;
         }
@@ -137,16 +120,15 @@ TEST_P(ClientTest, CallsOfManyThreadsGetTheirOwnRepliesInAnyOrder) {
   held.join();
   EXPECT_EQ(held_result.load(), SKR_SUCCESS);
   EXPECT_EQ(held_written, 777u);
-  EXPECT_EQ(client.Close(), SKR_SUCCESS);
 }
 
 INSTANTIATE_TEST_SUITE_P(Both, ClientTest, ::testing::Values(Transport::kTcp, Transport::kLocal), TransportName);
 
-class ClientTcpTest : public ServedTest {};
+using ClientServedTest = ServedTest;
 
 // The service drops a client it does not hear from for its keep-alive time-out; the library's
 // pings keep a silent client connected far beyond it.
-TEST_F(ClientTcpTest, AnIdleClientIsKeptAliveByItsPings) {
+TEST_F(ClientServedTest, AnIdleClientIsKeptAliveByItsPings) {
   Serve(Transport::kTcp, 100, 400);
   skein::Client idle;
   idle.options().ping_interval_ms = 100;
@@ -199,7 +181,6 @@ TEST_P(HostileServerTest, NeverHangsNorCrashes) {
   skein::Client client;
   client.options().call_timeout_ms = 3000;
   client.options().keepalive_timeout_ms = 600;
-  client.options().max_reply_size = 1 << 20;
   ASSERT_EQ(client.ConnectTcp("127.0.0.1:" + std::to_string(server.port())), SKR_SUCCESS);
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(client.Close(), m.first) << m.what;
@@ -236,9 +217,7 @@ INSTANTIATE_TEST_SUITE_P(Replies, HostileServerTest, ::testing::ValuesIn(kMisbeh
 constexpr int kClients = 16;
 constexpr int kRounds = 150;  // four requests each
 
-class ClientStressTest : public ServedTest {};
-
-TEST_F(ClientStressTest, SixteenClientsOverBothTransportsAtOnce) {
+TEST_F(ClientServedTest, SixteenClientsOverBothTransportsAtOnce) {
   Serve(Transport::kTcp);
   Serve(Transport::kLocal);
   std::vector<std::atomic<int>> events(kClients);
@@ -280,11 +259,8 @@ TEST_F(ClientStressTest, SixteenClientsOverBothTransportsAtOnce) {
   EXPECT_EQ(library_failures, 0);
   EXPECT_EQ(short_writes, 0);
   EXPECT_GT(writes_done, 0);
-  for (int i = 0; i < kClients; ++i) {
-    // Every client hears the notices of the seven others on its port.
-    EXPECT_GE(events[i].load(), kRounds);
-    EXPECT_EQ(clients[i].Close(), SKR_SUCCESS);
-  }
+  // Every client hears the notices of the seven others on its port.
+  for (int i = 0; i < kClients; ++i) EXPECT_GE(events[i].load(), kRounds) << i;
 }
 
 }  // namespace

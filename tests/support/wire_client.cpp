@@ -18,8 +18,6 @@ uint32_t Get32(const std::string& bytes, std::size_t at) {
   return v;
 }
 
-uint32_t Frame::Word() const { return body.size() >= 4 ? Get32(body, 0) : 0; }
-
 std::string DwordBytes(uint32_t value) {
   std::string bytes(4, '\0');
   for (int i = 0; i < 4; ++i) bytes[i] = static_cast<char>(value >> (8 * i));
@@ -31,20 +29,17 @@ std::string RequestFrame(uint32_t code, uint64_t tag, const std::string& body) {
          DwordBytes(static_cast<uint32_t>(tag)) + DwordBytes(static_cast<uint32_t>(tag >> 32)) + body;
 }
 
-std::string OpenFrame(uint64_t tag, const std::u16string& name) {
-  // UTF-16LE as this (little-endian) machine holds it, with the terminating NUL.
-  const std::string units(reinterpret_cast<const char*>(name.c_str()), (name.size() + 1) * 2);
-  return RequestFrame(SK_FRAME_OPEN, tag, units);
+std::string Utf16Z(const std::u16string& text) {
+  // UTF-16LE as this (little-endian) machine holds it.
+  return std::string(reinterpret_cast<const char*>(text.c_str()), (text.size() + 1) * 2);
 }
 
-uint32_t WireClient::ConnectTcp(uint16_t port, const char* from) {
-  pending_.clear();
-  return platform::ConnectTcp("127.0.0.1", port, 5000, &socket_, from);
-}
-
-uint32_t WireClient::ConnectLocal(const char16_t* name) {
-  pending_.clear();
-  return platform::ConnectLocal(name, &socket_);
+bool WireClient::Accept(const platform::Socket& listener, uint32_t timeout_ms) {
+  platform::SocketWait wait{listener.handle(), true, false, false, false};
+  std::size_t ready = 0;
+  uint32_t peer = 0;
+  return platform::WaitSockets(&wait, 1, timeout_ms, &ready) == platform::kErrorSuccess && ready == 1 &&
+         platform::AcceptClient(listener, &socket_, &peer) == platform::kErrorSuccess;
 }
 
 bool WireClient::Send(const std::string& bytes) {
@@ -52,21 +47,21 @@ bool WireClient::Send(const std::string& bytes) {
   return platform::SendAll(socket_, bytes.data(), bytes.size(), 10000, &sent) == platform::kErrorSuccess;
 }
 
-int TakeFrame(std::string* bytes, Frame* frame, int* pings) {
+int WireClient::Take(Frame* frame) {
   for (;;) {
-    if (bytes->size() < 4) return 0;
-    const uint32_t length = Get32(*bytes, 0);
+    if (pending_.size() < 4) return 0;
+    const uint32_t length = Get32(pending_, 0);
     if (length == 0) {
-      if (pings != nullptr) ++*pings;
-      bytes->erase(0, 4);
+      ++pings_;
+      pending_.erase(0, 4);
       continue;
     }
     if (length < SK_FRAME_HEADER_SIZE) return -1;
-    if (bytes->size() < length) return 0;
-    frame->code = Get32(*bytes, 4);
-    frame->tag = Get32(*bytes, 8) | static_cast<uint64_t>(Get32(*bytes, 12)) << 32;
-    frame->body = bytes->substr(SK_FRAME_HEADER_SIZE, length - SK_FRAME_HEADER_SIZE);
-    bytes->erase(0, length);
+    if (pending_.size() < length) return 0;
+    frame->code = Get32(pending_, 4);
+    frame->tag = Get32(pending_, 8) | static_cast<uint64_t>(Get32(pending_, 12)) << 32;
+    frame->body = pending_.substr(SK_FRAME_HEADER_SIZE, length - SK_FRAME_HEADER_SIZE);
+    pending_.erase(0, length);
     return 1;
   }
 }
@@ -74,35 +69,33 @@ int TakeFrame(std::string* bytes, Frame* frame, int* pings) {
 int WireClient::ReceiveSome(uint32_t timeout_ms) {
   platform::SocketWait wait{socket_.handle(), true, false, false, false};
   std::size_t ready = 0, got = 0;
-  if (platform::WaitSockets(&wait, 1, timeout_ms, &ready) != platform::kErrorSuccess) return -1;
-  if (ready == 0) return 0;
+  const bool waited = platform::WaitSockets(&wait, 1, timeout_ms, &ready) == platform::kErrorSuccess;
+  if (waited && ready == 0) return 0;
   char buffer[65536];
-  if (platform::Receive(socket_, buffer, sizeof(buffer), &got) != platform::kErrorSuccess || got == 0) return -1;
+  if (!waited || platform::Receive(socket_, buffer, sizeof(buffer), &got) != platform::kErrorSuccess || got == 0) {
+    ended_ = true;
+    return -1;
+  }
   pending_.append(buffer, got);
   return 1;
 }
 
 bool WireClient::Next(Frame* frame, uint32_t timeout_ms) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  for (int taken; (taken = TakeFrame(&pending_, frame, &pings_)) != 1;) {
+  for (int taken; (taken = Take(frame)) != 1;) {
     if (taken < 0 || ReceiveSome(Remaining(deadline)) <= 0) return false;
   }
   return true;
 }
 
-bool WireClient::NextReply(Frame* frame, uint32_t timeout_ms) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  for (;;) {
-    if (!Next(frame, Remaining(deadline))) return false;
-    if (frame->code != SK_FRAME_EVENT) return true;
-  }
-}
-
-uint32_t WireClient::Call(const std::string& request, Frame* reply) {
-  Frame local;
-  Frame* answer = reply != nullptr ? reply : &local;
-  if (!Send(request) || !NextReply(answer)) return 0xFFFFFFFFu;
-  return answer->Word();
+uint32_t WireClient::Call(const std::string& request) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(10000);
+  Frame reply;
+  if (!Send(request)) return 0xFFFFFFFFu;
+  do {  // events on the way are passed over
+    if (!Next(&reply, Remaining(deadline))) return 0xFFFFFFFFu;
+  } while (reply.code == SK_FRAME_EVENT);
+  return reply.Word();
 }
 
 bool WireClient::AwaitClosed(uint32_t timeout_ms) {
@@ -114,14 +107,44 @@ bool WireClient::AwaitClosed(uint32_t timeout_ms) {
   }
 }
 
+// Listens on a free loopback port.
+static bool ListenOnLoopback(platform::Socket* listener, uint16_t* port) {
+  return platform::OpenTcpSocket(listener) == platform::kErrorSuccess &&
+         platform::BindIpv4(*listener, 0x7F000001u, 0) == platform::kErrorSuccess &&
+         platform::ListenOn(*listener) == platform::kErrorSuccess &&
+         platform::LocalPort(*listener, port) == platform::kErrorSuccess;
+}
+
 uint16_t FreeTcpPort() {
   platform::Socket probe;
   uint16_t port = 0;
-  if (platform::OpenTcpSocket(&probe) == platform::kErrorSuccess &&
-      platform::BindIpv4(probe, 0x7F000001u, 0) == platform::kErrorSuccess) {
-    platform::LocalPort(probe, &port);
+  return ListenOnLoopback(&probe, &port) ? port : 0;
+}
+
+ScriptedServer::ScriptedServer(Answer answer) : answer_(std::move(answer)) {
+  if (ListenOnLoopback(&listener_, &port_)) thread_ = std::thread([this] { Serve(); });
+}
+
+ScriptedServer::~ScriptedServer() {
+  stop_ = true;
+  if (thread_.joinable()) thread_.join();
+}
+
+// One client: the client library never connects a second time.
+void ScriptedServer::Serve() {
+  WireClient client;
+  while (!stop_ && !client.Accept(listener_, 20)) {
   }
-  return port;
+  Frame request;
+  while (!stop_ && !client.closed()) {
+    if (!client.Next(&request, 20)) continue;  // the client's pings are passed over
+    const std::string bytes = answer_(request);
+    if (bytes == kHangUp) {
+      client.Disconnect();
+    } else if (!bytes.empty()) {
+      client.Send(bytes);
+    }
+  }
 }
 
 }  // namespace orlenda::testing

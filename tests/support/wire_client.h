@@ -1,30 +1,41 @@
-// A raw client of the service's wire protocol for the transport tests: it sends any bytes (whole
-// frames, single bytes, nonsense) and reads frames back with a time-out. Over TCP on every
-// platform, over the local pipe where that is a socket (POSIX).
+// The service's wire protocol from outside, for the transport and client tests: frame builders, a
+// raw client that sends any bytes (whole frames, single bytes, nonsense) and reads frames back with
+// a time-out, and a scripted stand-in for the service. Over TCP on every platform, over the local
+// pipe where that is a socket (POSIX).
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <thread>
 
 #include "platform/socket.h"
 #include "skein/protocol.h"
 
 namespace orlenda::testing {
 
+// The little-endian u32 at `at` of `bytes`.
+uint32_t Get32(const std::string& bytes, std::size_t at);
+
 struct Frame {
   uint32_t code = 0;
   uint64_t tag = 0;
   std::string body;  // everything after the 16-byte header
   // The u32 at offset 16 (the result of a reply, the identifier of an event); 0 when absent.
-  uint32_t Word() const;
+  uint32_t Word() const { return body.size() >= 4 ? Get32(body, 0) : 0; }
   // The bytes after offset 20 (an Ioctl's output, an event's data).
   std::string Tail() const { return body.size() > 4 ? body.substr(4) : std::string(); }
 };
 
 // Frame builders: a request of `code` and `tag` carrying `body`.
 std::string RequestFrame(uint32_t code, uint64_t tag, const std::string& body = std::string());
-std::string OpenFrame(uint64_t tag, const std::u16string& name);
 std::string DwordBytes(uint32_t value);
+// `text` as UTF-16LE units with the terminating NUL, as names travel.
+std::string Utf16Z(const std::u16string& text);
+inline std::string OpenFrame(uint64_t tag, const std::u16string& name) {
+  return RequestFrame(SK_FRAME_OPEN, tag, Utf16Z(name));
+}
 inline std::string WriteFrame(uint64_t tag, const std::string& data) { return RequestFrame(SK_FRAME_WRITE, tag, data); }
 inline std::string IoctlFrame(uint64_t tag, uint32_t control, const std::string& input = std::string()) {
   return RequestFrame(SK_FRAME_IOCTL, tag, DwordBytes(control) + input);
@@ -34,34 +45,37 @@ inline std::string RegisterFrame(uint64_t tag, uint32_t event) {
 }
 // `frame` with its length field replaced by `length`.
 inline std::string LengthAs(std::string frame, uint32_t length) { return DwordBytes(length) + frame.substr(4); }
-// The little-endian u32 at `at` of `bytes`.
-uint32_t Get32(const std::string& bytes, std::size_t at);
 
-// Takes the first frame off `bytes` (pings, length 0, are taken off and counted in `pings`): 1 when
-// one was taken, 0 while it is not whole yet, -1 when its length is shorter than a header.
-int TakeFrame(std::string* bytes, Frame* frame, int* pings = nullptr);
-
+// One connection a client: it is not made again.
 class WireClient {
  public:
   // To 127.0.0.1 from `from` (any address of the loopback range; null: the system's choice).
-  uint32_t ConnectTcp(uint16_t port, const char* from = nullptr);
-  uint32_t ConnectLocal(const char16_t* name);
+  uint32_t ConnectTcp(uint16_t port, const char* from = nullptr) {
+    return platform::ConnectTcp("127.0.0.1", port, 5000, &socket_, from);
+  }
+  uint32_t ConnectLocal(const char16_t* name) { return platform::ConnectLocal(name, &socket_); }
+  // The next client of `listener` becomes this one's peer (a server's side), within `timeout_ms`.
+  bool Accept(const platform::Socket& listener, uint32_t timeout_ms);
   void Disconnect() { socket_.Close(); }
+  // Whether the connection was closed, here or by the peer.
+  bool closed() const { return ended_ || !socket_.is_open(); }
 
   bool Send(const std::string& bytes);
   // The next frame, within `timeout_ms`; pings (length 0) are counted and skipped. False on time-out
-  // or when the service closed the connection.
+  // or when the peer closed the connection.
   bool Next(Frame* frame, uint32_t timeout_ms = 10000);
-  // The next frame that is not an event (events on the way are passed over).
-  bool NextReply(Frame* frame, uint32_t timeout_ms = 10000);
-  // Sends a request and waits for its reply's result word (0xFFFFFFFF when none came).
-  uint32_t Call(const std::string& request, Frame* reply = nullptr);
-  // Waits until the service closes the connection; false when it is still open after `timeout_ms`.
+  // Sends a request and waits, passing events over, for its reply's result word (0xFFFFFFFF when
+  // none came within 10 s).
+  uint32_t Call(const std::string& request);
+  // Waits until the peer closes the connection; false when it is still open after `timeout_ms`.
   bool AwaitClosed(uint32_t timeout_ms);
 
   int pings() const { return pings_; }
 
  private:
+  // Takes the first frame off what arrived (pings, length 0, are taken off and counted): 1 when one
+  // was taken, 0 while it is not whole yet, -1 when its length is shorter than a header.
+  int Take(Frame* frame);
   // Appends what arrives within `timeout_ms`: 1 when bytes came, 0 on time-out, -1 when the
   // connection ended.
   int ReceiveSome(uint32_t timeout_ms);
@@ -69,9 +83,42 @@ class WireClient {
   platform::Socket socket_;
   std::string pending_;
   int pings_ = 0;
+  bool ended_ = false;
 };
 
 // A TCP port that was free a moment ago (bound to 0, read back, closed).
 uint16_t FreeTcpPort();
+
+// A stand-in for the service over TCP, for the client library's tests: it accepts one client on a
+// free loopback port and answers every request frame with whatever bytes `answer` makes of it
+// (well formed or not; nothing at all is silence, kHangUp closes the connection). It never pings.
+// Serves on a thread of its own until destroyed.
+constexpr char kHangUp[] = "<hang up>";
+
+class ScriptedServer {
+ public:
+  using Answer = std::function<std::string(const Frame& request)>;
+
+  explicit ScriptedServer(Answer answer);
+  ~ScriptedServer();
+  ScriptedServer(const ScriptedServer&) = delete;
+  ScriptedServer& operator=(const ScriptedServer&) = delete;
+
+  uint16_t port() const { return port_; }
+
+ private:
+  void Serve();
+
+  Answer answer_;
+  platform::Socket listener_;
+  uint16_t port_ = 0;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+// A reply frame as the service would build it: the request's code and tag, the result, then `tail`.
+inline std::string ReplyFrame(const Frame& request, uint32_t result, const std::string& tail = std::string()) {
+  return RequestFrame(request.code, request.tag, DwordBytes(result) + tail);
+}
 
 }  // namespace orlenda::testing
