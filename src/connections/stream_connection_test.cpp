@@ -12,6 +12,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,7 @@ namespace {
 
 using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
 using namespace orlenda::testing;       // NOLINT: the frames
+using port_testing::Bytes;              // a blob, not the log capture's record type
 
 // A connection whose raw write keeps every message; with its gate shut a write waits (a client
 // that does not read), and what the writes saw is counted.
@@ -91,11 +93,6 @@ class Recording : public CSKStreamConnection {
   int abandoned_ = 0;
 };
 
-BlobRef Data(std::size_t size, char fill) {
-  const std::string bytes(size, fill);
-  return BlobRef::Adopt(BlobCopy(bytes.data(), bytes.size()));
-}
-
 class StreamTest : public PortTest {};
 
 TEST_F(StreamTest, RequestsAreAnsweredWithTheirCodeTagAndSize) {
@@ -125,18 +122,12 @@ TEST_F(StreamTest, RequestsAreAnsweredWithTheirCodeTagAndSize) {
     if (step.reply_size == 0) continue;
     std::string reply = c.Next();
     if (Get32(reply, 4) == SK_FRAME_EVENT) {
-      // The write's echo: code 7, tag 0, the identifier, the data.
-      EXPECT_EQ(reply.size(), 25u);
-      EXPECT_EQ(reply.substr(8, 8), std::string(8, '\0'));
-      EXPECT_EQ(Get32(reply, 16), kLoopbackData);
-      EXPECT_EQ(reply.substr(20), "hello");
+      // The write's echo: tag 0, the identifier, the data.
+      EXPECT_EQ(reply, RequestFrame(SK_FRAME_EVENT, 0, DwordBytes(kLoopbackData) + "hello"));
       reply = c.Next();
     }
-    ASSERT_EQ(reply.size(), step.reply_size);
-    EXPECT_EQ(Get32(reply, 0), step.reply_size);
-    EXPECT_EQ(reply.substr(4, 12), step.request.substr(4, 12));  // code and tag echoed
-    EXPECT_EQ(Get32(reply, 16), step.result);
-    EXPECT_EQ(reply.substr(20), step.tail);
+    // The request's code and tag echoed, the result, and what follows it.
+    EXPECT_EQ(reply, DwordBytes(step.reply_size) + step.request.substr(4, 12) + DwordBytes(step.result) + step.tail);
   }
   EXPECT_EQ(c.Count(), 10u);  // nine replies and one event: nothing for code 9
 }
@@ -155,9 +146,7 @@ TEST_F(StreamTest, RequestsOfOneConnectionRunAtOnce) {
   c.Feed(IoctlFrame(5, SK_LOCK_STATE));
   EXPECT_EQ(Get32(c.Next(), 8), 5u);
   c.Feed(IoctlFrame(6, kTestHoldWrites, DwordBytes(0)));
-  std::vector<uint32_t> tags;
-  for (int i = 0; i < 2; ++i) tags.push_back(Get32(c.Next(), 8));
-  EXPECT_TRUE((tags == std::vector<uint32_t>{4, 6} || tags == std::vector<uint32_t>{6, 4}));
+  EXPECT_EQ((std::set<uint32_t>{Get32(c.Next(), 8), Get32(c.Next(), 8)}), (std::set<uint32_t>{4, 6}));  // any order
 }
 
 // A client that does not read holds up nobody: the request's own thread writes the reply and
@@ -175,17 +164,17 @@ TEST_F(StreamTest, AClientThatDoesNotReadHoldsUpNobodyAndOneThatCannotBeServedWh
     ASSERT_TRUE(c.AwaitWriter());
     // Pushed on this thread: a push that wrote would wait here for the whole bound. Exactly the
     // bound may queue behind the write in progress; one byte more is too much.
-    c.PushEvent(1, Data(1, 'a'));
-    c.PushEvent(2, Data(CSKStreamConnection::kSendQueueBytes - 2 * SK_FRAME_REPLY_SIZE - 1, 'b'));
+    c.PushEvent(1, Bytes("a"));
+    c.PushEvent(2, Bytes(std::string(CSKStreamConnection::kSendQueueBytes - 2 * SK_FRAME_REPLY_SIZE - 1, 'b')));
     EXPECT_EQ(c.abandoned(), 0);
-    if (fault == kOverflow) c.PushEvent(3, Data(1, 'c'));
+    if (fault == kOverflow) c.PushEvent(3, Bytes("c"));
     EXPECT_EQ(c.abandoned(), fault == kOverflow ? 1 : 0);
     c.SetOpen(true);
     EXPECT_EQ(Get32(c.Next(), 8), 77u);
     if (fault == kNone) {
       for (uint32_t event = 1; event <= 2; ++event) EXPECT_EQ(Get32(c.Next(), 16), event);
     }
-    c.PushEvent(4, Data(1, 'd'));
+    c.PushEvent(4, Bytes("d"));
     c.Feed(IoctlFrame(5, SK_LOCK_STATE));
     c.Finish();
     EXPECT_EQ(c.Count(), fault == kNone ? 5u : 1u);  // given up: only the write in progress happened
@@ -194,11 +183,6 @@ TEST_F(StreamTest, AClientThatDoesNotReadHoldsUpNobodyAndOneThatCannotBeServedWh
   }
 }
 
-struct Seen {
-  uint32_t length;
-  std::string kept;  // the frame bytes the copy holds: fewer than `length` when it was cut
-};
-
 class Recorder : public FrameReader::Sink {
  public:
   void OnFrame(BlobRef copy, uint32_t length) override {
@@ -206,9 +190,11 @@ class Recorder : public FrameReader::Sink {
     const char* frame = reinterpret_cast<const char*>(copy.data()) + FrameReader::kBackPointer;
     // The 16 bytes behind the frame are zero, whatever came before.
     EXPECT_EQ(std::string(frame + kept, FrameReader::kSlack), std::string(FrameReader::kSlack, '\0'));
-    seen.push_back(Seen{length, std::string(frame, kept)});
+    lengths.push_back(length);
+    frames.push_back(std::string(frame, kept));
   }
-  std::vector<Seen> seen;
+  std::vector<uint32_t> lengths;
+  std::vector<std::string> frames;  // the frame bytes each copy holds: fewer than its length when cut
 };
 
 // Feeds `stream` in pieces of `piece` bytes (0: all at once).
@@ -231,9 +217,7 @@ TEST(FrameReader, EverySplitOfTheStreamGivesTheSameFrames) {
     FrameReader reader(this);
     Recorder recorder;
     ASSERT_TRUE(FeedInPieces(reader, recorder, stream, piece));
-    ASSERT_EQ(recorder.seen.size(), 4u);
-    const std::string expected[] = {small, large, small, large};
-    for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(recorder.seen[i].kept, expected[i]) << i;
+    EXPECT_EQ(recorder.frames, (std::vector<std::string>{small, large, small, large}));
     // 5000 > 1048: the buffer grew to twice the frame in two steps.
     EXPECT_EQ(reader.capacity(), 10000u);
   }
@@ -247,8 +231,7 @@ TEST(FrameReader, TheSecondGrowthStepComesWithTheNextBytes) {
   EXPECT_EQ(reader.capacity(), 0u);  // cleared block: its capacity reads as 0
   ASSERT_TRUE(FeedInPieces(reader, recorder, large.substr(4), 0));
   EXPECT_EQ(reader.capacity(), 2u * static_cast<uint32_t>(large.size()));
-  ASSERT_EQ(recorder.seen.size(), 1u);
-  EXPECT_EQ(recorder.seen[0].kept, large);
+  EXPECT_EQ(recorder.frames, std::vector<std::string>{large});
 }
 
 TEST(FrameReader, AFrameOverTheLimitIsCutAndTheStreamStaysInStep) {
@@ -259,11 +242,11 @@ TEST(FrameReader, AFrameOverTheLimitIsCutAndTheStreamStaysInStep) {
     FrameReader reader(this);
     Recorder recorder;
     ASSERT_TRUE(FeedInPieces(reader, recorder, huge + next, piece));
-    ASSERT_EQ(recorder.seen.size(), 2u);
-    EXPECT_EQ(recorder.seen[0].length, over);
-    EXPECT_EQ(recorder.seen[0].kept.substr(0, 16), huge.substr(0, 16));  // the header is kept for the reply
+    ASSERT_EQ(recorder.frames.size(), 2u);
+    EXPECT_EQ(recorder.lengths[0], over);
+    EXPECT_EQ(recorder.frames[0].substr(0, 16), huge.substr(0, 16));  // the header is kept for the reply
     EXPECT_LE(reader.capacity(), FrameReader::kFirstCapacity);            // nothing was allocated for it
-    EXPECT_EQ(recorder.seen[1].kept, next);
+    EXPECT_EQ(recorder.frames[1], next);
   }
 }
 
@@ -271,9 +254,8 @@ TEST(FrameReader, LengthsShorterThanAHeaderEndTheStream) {
   for (uint32_t length : {1u, 7u, 15u}) {
     FrameReader reader(this);
     Recorder recorder;
-    const std::string frame = testing::LengthAs(RequestFrame(SK_FRAME_CLOSE, 1), length);
-    EXPECT_FALSE(FeedInPieces(reader, recorder, frame, 0)) << length;
-    EXPECT_TRUE(recorder.seen.empty());
+    EXPECT_FALSE(FeedInPieces(reader, recorder, LengthAs(RequestFrame(SK_FRAME_CLOSE, 1), length), 0)) << length;
+    EXPECT_TRUE(recorder.frames.empty());
   }
 }
 

@@ -69,13 +69,10 @@ int WireClient::Take(Frame* frame) {
 int WireClient::ReceiveSome(uint32_t timeout_ms) {
   platform::SocketWait wait{socket_.handle(), true, false, false, false};
   std::size_t ready = 0, got = 0;
-  const bool waited = platform::WaitSockets(&wait, 1, timeout_ms, &ready) == platform::kErrorSuccess;
-  if (waited && ready == 0) return 0;
+  if (platform::WaitSockets(&wait, 1, timeout_ms, &ready) != platform::kErrorSuccess) return -1;
+  if (ready == 0) return 0;
   char buffer[65536];
-  if (!waited || platform::Receive(socket_, buffer, sizeof(buffer), &got) != platform::kErrorSuccess || got == 0) {
-    ended_ = true;
-    return -1;
-  }
+  if (platform::Receive(socket_, buffer, sizeof(buffer), &got) != platform::kErrorSuccess || got == 0) return -1;
   pending_.append(buffer, got);
   return 1;
 }
@@ -107,8 +104,7 @@ bool WireClient::AwaitClosed(uint32_t timeout_ms) {
   }
 }
 
-// Listens on a free loopback port.
-static bool ListenOnLoopback(platform::Socket* listener, uint16_t* port) {
+bool ListenOnLoopback(platform::Socket* listener, uint16_t* port) {
   return platform::OpenTcpSocket(listener) == platform::kErrorSuccess &&
          platform::BindIpv4(*listener, 0x7F000001u, 0) == platform::kErrorSuccess &&
          platform::ListenOn(*listener) == platform::kErrorSuccess &&
@@ -119,32 +115,6 @@ uint16_t FreeTcpPort() {
   platform::Socket probe;
   uint16_t port = 0;
   return ListenOnLoopback(&probe, &port) ? port : 0;
-}
-
-ScriptedServer::ScriptedServer(Answer answer) : answer_(std::move(answer)) {
-  if (ListenOnLoopback(&listener_, &port_)) thread_ = std::thread([this] { Serve(); });
-}
-
-ScriptedServer::~ScriptedServer() {
-  stop_ = true;
-  if (thread_.joinable()) thread_.join();
-}
-
-// One client: the client library never connects a second time.
-void ScriptedServer::Serve() {
-  WireClient client;
-  while (!stop_ && !client.Accept(listener_, 20)) {
-  }
-  Frame request;
-  while (!stop_ && !client.closed()) {
-    if (!client.Next(&request, 20)) continue;  // the client's pings are passed over
-    const std::string bytes = answer_(request);
-    if (bytes == kHangUp) {
-      client.Disconnect();
-    } else if (!bytes.empty()) {
-      client.Send(bytes);
-    }
-  }
 }
 
 }  // namespace orlenda::testing

@@ -1,14 +1,11 @@
-// The service's wire protocol from outside, for the transport and client tests: frame builders, a
-// raw client that sends any bytes (whole frames, single bytes, nonsense) and reads frames back with
-// a time-out, and a scripted stand-in for the service. Over TCP on every platform, over the local
-// pipe where that is a socket (POSIX).
+// The service's wire protocol from outside, for the transport and client tests: frame builders and
+// a raw client that sends any bytes (whole frames, single bytes, nonsense) and reads frames back
+// with a time-out; accepting a connection, it plays the service's side. Over TCP on every platform,
+// over the local pipe where that is a socket (POSIX).
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <functional>
 #include <string>
-#include <thread>
 
 #include "platform/socket.h"
 #include "skein/protocol.h"
@@ -57,8 +54,6 @@ class WireClient {
   // The next client of `listener` becomes this one's peer (a server's side), within `timeout_ms`.
   bool Accept(const platform::Socket& listener, uint32_t timeout_ms);
   void Disconnect() { socket_.Close(); }
-  // Whether the connection was closed, here or by the peer.
-  bool closed() const { return ended_ || !socket_.is_open(); }
 
   bool Send(const std::string& bytes);
   // The next frame, within `timeout_ms`; pings (length 0) are counted and skipped. False on time-out
@@ -83,38 +78,12 @@ class WireClient {
   platform::Socket socket_;
   std::string pending_;
   int pings_ = 0;
-  bool ended_ = false;
 };
 
+// Listens on a free loopback port.
+bool ListenOnLoopback(platform::Socket* listener, uint16_t* port);
 // A TCP port that was free a moment ago (bound to 0, read back, closed).
 uint16_t FreeTcpPort();
-
-// A stand-in for the service over TCP, for the client library's tests: it accepts one client on a
-// free loopback port and answers every request frame with whatever bytes `answer` makes of it
-// (well formed or not; nothing at all is silence, kHangUp closes the connection). It never pings.
-// Serves on a thread of its own until destroyed.
-constexpr char kHangUp[] = "<hang up>";
-
-class ScriptedServer {
- public:
-  using Answer = std::function<std::string(const Frame& request)>;
-
-  explicit ScriptedServer(Answer answer);
-  ~ScriptedServer();
-  ScriptedServer(const ScriptedServer&) = delete;
-  ScriptedServer& operator=(const ScriptedServer&) = delete;
-
-  uint16_t port() const { return port_; }
-
- private:
-  void Serve();
-
-  Answer answer_;
-  platform::Socket listener_;
-  uint16_t port_ = 0;
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-};
 
 // A reply frame as the service would build it: the request's code and tag, the result, then `tail`.
 inline std::string ReplyFrame(const Frame& request, uint32_t result, const std::string& tail = std::string()) {

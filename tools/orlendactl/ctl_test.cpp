@@ -11,8 +11,6 @@
 namespace orlenda {
 namespace {
 
-using testing::Transport;
-
 struct Case {
   const char* what;
   std::vector<std::string> args;  // after the connection option
@@ -30,8 +28,8 @@ int RunCtl(const std::vector<std::string>& args, std::vector<std::string>* out) 
 }
 
 TEST_F(OrlendactlTest, StepsPrintTheirResultsAndWhatCameBack) {
-  Serve(Transport::kTcp);
-  Serve(Transport::kLocal);
+  Serve(testing::Transport::kTcp);
+  Serve(testing::Transport::kLocal);
   const std::vector<Case> cases = {
       {"a write before the lock fails",
        {"--keep-going", "open", "loop/dev1", "write-text", "hi", "lock", "write-text", "hello", "close"},
