@@ -1,7 +1,7 @@
 // The listening side of a pipe on POSIX: a non-blocking Unix stream socket bound to
 // "<run dir>/<name>", mode 0666, and an eventfd that Shutdown makes readable for good, so that a
-// poll waiting on both wakes, and every later one returns at once. Shared by PipeListener and
-// PipeReadLoop.
+// poll waiting on both wakes, and every later one returns at once. PipeReadLoop listens with both;
+// the local server with the socket alone, and the pipe clients find the socket by PipeAddress.
 #pragma once
 
 #include <sys/eventfd.h>

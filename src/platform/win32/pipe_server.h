@@ -1,6 +1,6 @@
-// What the server ends of a pipe share on Windows (PipeListener, PipeReadLoop): the full name
-// "\\.\pipe\<name>" the system wants, the pipe's type, the making of free inbound instances, and
-// the two events a server waits on.
+// The server end of a pipe on Windows as PipeReadLoop builds on it: the full name
+// "\\.\pipe\<name>" the system wants (which the clients and the local server use too), the pipe's
+// type, the making of free inbound instances, and the two events a server waits on.
 #pragma once
 
 #include <cstddef>
