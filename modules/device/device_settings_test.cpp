@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "device/device_test_fixture.h"
+#include "support/device_test_fixture.h"
 #include "ports/configuration_requests.h"
 #include "settings/xml_document.h"
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "device/device_test_fixture.h"
+#include "support/device_test_fixture.h"
 #include "netprinter/fake_printer.h"
 
 namespace orlenda::device_testing {

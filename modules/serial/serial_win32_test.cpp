@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "device/device_test_fixture.h"
+#include "support/device_test_fixture.h"
 
 namespace orlenda::device_testing {
 namespace {

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "connections/frame_reader.h"
-#include "ports/port_test_fixture.h"
+#include "support/port_test_fixture.h"
 #include "skein/protocol.h"
 #include "support/wire_client.h"
 

@@ -5,7 +5,7 @@
 #include "components/port_stack.h"
 #include "ports/configuration_requests.h"
 #include "ports/port_numbering.h"
-#include "ports/port_test_fixture.h"
+#include "support/port_test_fixture.h"
 #include "ports/settings_notice.h"
 
 namespace orlenda {

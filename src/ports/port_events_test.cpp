@@ -1,7 +1,7 @@
 // Event registration, delivery and its filters (bits 28 and 29), with the traces.
 #include <algorithm>
 
-#include "ports/port_test_fixture.h"
+#include "support/port_test_fixture.h"
 
 namespace orlenda {
 namespace {

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "ports/port_test_fixture.h"
+#include "support/port_test_fixture.h"
 
 namespace orlenda {
 namespace {

@@ -1,6 +1,6 @@
 // The port lock: requests and their parameters, notices, keys, the hand-over, placeholders after the
 // device's lock state moved, the exclusive-writer flag and a connection that vanishes.
-#include "ports/port_test_fixture.h"
+#include "support/port_test_fixture.h"
 
 namespace orlenda {
 namespace {

@@ -2,7 +2,7 @@
 // rule, and power transitions.
 #include "ports/port_table.h"
 
-#include "ports/port_test_fixture.h"
+#include "support/port_test_fixture.h"
 
 namespace orlenda {
 namespace {

@@ -1,6 +1,6 @@
 #include "ports/property_requests.h"
 
-#include "ports/port_test_fixture.h"
+#include "support/port_test_fixture.h"
 
 namespace orlenda {
 namespace {

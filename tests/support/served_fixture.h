@@ -14,7 +14,7 @@
 
 #include "connections/pipe_server.h"
 #include "connections/tcp_server.h"
-#include "ports/port_test_fixture.h"
+#include "support/port_test_fixture.h"
 #include "skein/client.hpp"
 #include "support/wire_client.h"
 

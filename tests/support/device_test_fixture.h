@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "ports/port_table.h"
-#include "ports/port_test_fixture.h"
+#include "support/port_test_fixture.h"
 #include "skein/devices.h"
 #include "test_modules.h"
 
