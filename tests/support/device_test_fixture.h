@@ -11,7 +11,6 @@
 #include <chrono>
 #include <functional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -30,15 +29,8 @@ using Settings = std::vector<std::pair<const char16_t*, std::u16string>>;
 // Every wait of these tests: long enough for a loaded machine, short enough to end a broken run.
 constexpr auto kBound = std::chrono::seconds(15);
 
-// Polls `done` every few milliseconds until it holds or kBound passed; returns its last answer.
-inline bool WaitUntil(const std::function<bool()>& done) {
-  const auto deadline = std::chrono::steady_clock::now() + kBound;
-  for (;;) {
-    if (done()) return true;
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-}
+// Whether `done` holds within kBound.
+inline bool WaitUntil(const std::function<bool()>& done) { return port_testing::Eventually(done, kBound); }
 
 // A client of one device port: registered for the device events before it opens, it keeps what
 // arrives in order.
