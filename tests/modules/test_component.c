@@ -14,9 +14,8 @@
  * Other controls go down, or fail with SKR_INVALID_PARAMETER at the bottom. */
 #include <stdio.h>
 
-#include "module_lock.h"
+#include "device/device_sys.h"
 #include "skein/component.h"
-#include "test_gate.h"
 
 #ifdef TEST_COMPONENT_NO_EXPORT
 /* Exports something, only not the entry point: the host must still turn it away. */
@@ -62,6 +61,37 @@ static uint32_t ReadSetting(const char* setting, uint32_t fallback) {
   return s != NULL && g_host->GetNumber(s, &value) ? value : fallback;
 }
 
+/* The write gate: while it is closed for a port number, that port's Writes wait at it. Its
+ * condition is made by the first init of a load and never destroyed (loads of one file share it). */
+static DevCondition g_gate_changed;
+static int g_gate_ready;
+static uint32_t g_gate_closed_for; /* 0: open for every port */
+static uint32_t g_gate_waiting;
+
+/* Returns 1 once the gate is open for `port`, 0 when it stayed closed for HOLD_LIMIT_S seconds. */
+static int GatePass(uint32_t port) {
+  const uint64_t deadline = DevNowMs() + HOLD_LIMIT_S * 1000u;
+  uint64_t now;
+  int open;
+  DevLock();
+  ++g_gate_waiting;
+  while (!(open = port == 0 || g_gate_closed_for != port) && (now = DevNowMs()) < deadline) {
+    DevConditionWait(&g_gate_changed, (uint32_t)(deadline - now));
+  }
+  --g_gate_waiting;
+  DevUnlock();
+  return open;
+}
+
+/* Sleeps `ms`: a wait on the gate's condition that only the clock ends. */
+static void SleepMs(uint32_t ms) {
+  const uint64_t deadline = DevNowMs() + ms;
+  uint64_t now;
+  DevLock();
+  while ((now = DevNowMs()) < deadline) DevConditionWait(&g_gate_changed, (uint32_t)(deadline - now));
+  DevUnlock();
+}
+
 /* The port's slot, or NULL for an unknown port; the module lock must be held. */
 static TestPort* FindPort(uint32_t number) {
   int i;
@@ -82,7 +112,7 @@ static void Record(const char* op, uint32_t port) {
   if (ReadSetting("quiet", 0) == 1) return;
   length = (uint32_t)snprintf(entry, PATH_UNITS, "%s:%s:%u;", g_name, op, (unsigned)port);
 
-  Lock();
+  DevLock();
   if (!g_host->GetString(AsciiString("/testmodule/calls"), &old)) old = NULL;
   old_length = old != NULL ? old->length : 0;
   value = (SkString*)SkHeapAlloc(offsetof(SkString, text) + (old_length + length + 1) * sizeof(uint16_t));
@@ -94,20 +124,20 @@ static void Record(const char* op, uint32_t port) {
     g_host->SetString(AsciiString("/testmodule/calls"), value);
   }
   SkStringFree(old);
-  Unlock();
+  DevUnlock();
 }
 
 /* The port's layer table, copied under the lock, and its count of Writes in progress changed by
  * `writes`; 0 for an unknown port. */
 static int FindLayers(uint32_t number, SkLayerTable* layers, int writes) {
   TestPort* port;
-  Lock();
+  DevLock();
   port = FindPort(number);
   if (port != NULL) {
     *layers = port->layers;
     port->writes_in_progress += writes;
   }
-  Unlock();
+  DevUnlock();
   return port != NULL;
 }
 
@@ -134,7 +164,7 @@ static uint32_t SKEIN_CALL TestOpen(uint32_t number, SkString* path, const SkLay
   }
   result = ReadSetting("openResult", SKR_SUCCESS);
   if (result != SKR_SUCCESS) return result;
-  Lock();
+  DevLock();
   result = SKR_OUT_OF_MEMORY; /* no free slot */
   for (i = 0; i < MAX_PORTS; ++i) {
     if (!g_ports[i].used) {
@@ -146,7 +176,7 @@ static uint32_t SKEIN_CALL TestOpen(uint32_t number, SkString* path, const SkLay
       break;
     }
   }
-  Unlock();
+  DevUnlock();
   return result;
 }
 
@@ -155,14 +185,14 @@ static uint32_t SKEIN_CALL TestClose(uint32_t number) {
   SkCloseFn below = NULL;
   TestPort* port;
   Record("close", number);
-  Lock();
+  DevLock();
   port = FindPort(number);
   if (port != NULL) {
     port->used = 0;
     below = port->layers.Close;
     result = port->writes_in_progress == 0 ? SKR_SUCCESS : SKR_FAILED;
   }
-  Unlock();
+  DevUnlock();
   if (below != NULL) below(number);
   return result;
 }
@@ -175,11 +205,11 @@ static uint32_t SKEIN_CALL TestWrite(uint32_t number, SkBlob* data, uint32_t* wr
     SkBlobRelease(data);
     return SKR_INVALID_HANDLE;
   }
-  if (!GatePass(number, HOLD_LIMIT_S)) {
+  if (!GatePass(number)) {
     result = SKR_SYSTEM_ERROR;
     SkBlobRelease(data);
   } else {
-    if (delay > 0) GateSleepMs(delay);
+    if (delay > 0) SleepMs(delay);
     if (layers.Write != NULL) {
       result = layers.Write(number, data, written);
     } else {
@@ -198,11 +228,18 @@ typedef struct Enumeration {
   uint32_t result;
 } Enumeration;
 
-static GATE_THREAD(Enumerate) {
+static void Enumerate(void* arg) {
   Enumeration* e = (Enumeration*)arg;
   SkString* path = SkStringCreate((const uint16_t*)SkBlobData(e->path), (uint32_t)(e->path->size / 2));
   e->result = g_host->EnumeratePort(path, AsciiString("probe"));
-  return 0;
+}
+
+/* Runs Enumerate on a thread of its own and waits for it; 0 when no thread could be made. */
+static int EnumerateOnThread(Enumeration* e) {
+  DevThread thread;
+  if (!DevThreadStart(&thread, Enumerate, e)) return 0;
+  DevThreadJoin(&thread);
+  return 1;
 }
 
 static uint32_t SKEIN_CALL TestIoctl(uint32_t number, uint32_t code, SkBlob* input, SkBlob** output) {
@@ -215,8 +252,11 @@ static uint32_t SKEIN_CALL TestIoctl(uint32_t number, uint32_t code, SkBlob* inp
     ok = code == TEST_HELD_WRITES || SkDwordRead(input, &value);
     SkBlobRelease(input);
     if (!ok) return SKR_INVALID_SIZE;
-    if (code == TEST_HOLD_WRITES) GateSet(value);
-    if (code == TEST_HELD_WRITES) *output = SkDwordCreate(GateWaiting());
+    DevLock();
+    if (code == TEST_HOLD_WRITES) g_gate_closed_for = value;
+    if (code == TEST_HELD_WRITES) *output = SkDwordCreate(g_gate_waiting);
+    DevConditionBroadcast(&g_gate_changed);
+    DevUnlock();
     return SKR_SUCCESS;
   }
   Record("ioctl", number);
@@ -226,7 +266,7 @@ static uint32_t SKEIN_CALL TestIoctl(uint32_t number, uint32_t code, SkBlob* inp
   }
   if (code == TEST_ENUMERATE || code == TEST_ENUMERATE_ON_THREAD) {
     e.path = input;
-    ok = input != NULL && (code == TEST_ENUMERATE ? (Enumerate(&e), 1) : GateRunOnThread(Enumerate, &e));
+    ok = input != NULL && (code == TEST_ENUMERATE ? (Enumerate(&e), 1) : EnumerateOnThread(&e));
     SkBlobRelease(input);
     if (ok) *output = SkDwordCreate(e.result);
     return ok ? SKR_SUCCESS : input == NULL ? SKR_INVALID_SIZE : SKR_SYSTEM_ERROR;
@@ -254,23 +294,20 @@ static void SKEIN_CALL TestEvent(uint32_t number, uint32_t event, SkBlob* data) 
 SKEIN_EXPORT int32_t SKEIN_CALL InitializeSkeinComponent(const SkHostTable* host, SkComponentTable* ops) {
   g_host = host;
   Record("init", 0);
-  if (ReadSetting("refuseInit", 0) == 1) {
+  if (!g_gate_ready) g_gate_ready = DevConditionInit(&g_gate_changed);
+  if (ReadSetting("refuseInit", 0) == 1 || !g_gate_ready) {
     g_host = NULL; /* refused: the host table is not ours to keep */
     return 0;
   }
-  ops->Open = TestOpen;
-  ops->Close = TestClose;
-  ops->Write = TestWrite;
-  ops->Ioctl = TestIoctl;
-  ops->Event = TestEvent;
+  *ops = (SkComponentTable){TestOpen, TestClose, TestWrite, TestIoctl, TestEvent};
   return 1;
 }
 
 SKEIN_EXPORT int32_t SKEIN_CALL UnloadSkeinComponent(void) {
   Record("unload", 0);
   g_host = NULL;
-  Lock();
+  DevLock();
   memset(g_ports, 0, sizeof(g_ports));
-  Unlock();
+  DevUnlock();
   return 1;
 }
