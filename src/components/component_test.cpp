@@ -35,9 +35,6 @@ uint64_t Refs(const Blob* blob) { return blob->references.load(); }
 // One more reference of `blob`, for a call to take over.
 Blob* Lend(const BlobRef& blob) { return BlobRef(blob).Release(); }
 
-const SkComponentTable kNone{};
-bool IsEmpty(const SkComponentTable& t) { return std::memcmp(&t, &kNone, sizeof t) == 0; }
-
 // The caller's layer above a module: only the event entry is filled, and it keeps every event as
 // "<port> <event> <bytes>".
 using Events = std::vector<std::string>;
@@ -121,6 +118,7 @@ TEST_F(ComponentTest, ABareNameIsLookedForBesideTheExecutableOnly) {
 }
 
 TEST_F(ComponentTest, LoadedModuleRunsUntilUnloadWhichEmptiesTheTable) {
+  const SkComponentTable kNone{};
   CComponent component(W(ORLENDA_TEST_COMPONENT_MODULE), host_);
   ASSERT_TRUE(component.IsLoaded());
   EXPECT_TRUE(platform::IsModuleResident(ORLENDA_TEST_COMPONENT_MODULE));
@@ -128,7 +126,7 @@ TEST_F(ComponentTest, LoadedModuleRunsUntilUnloadWhichEmptiesTheTable) {
     component.Unload();
     EXPECT_FALSE(component.IsLoaded());
     EXPECT_FALSE(platform::IsModuleResident(ORLENDA_TEST_COMPONENT_MODULE));
-    EXPECT_TRUE(IsEmpty(component.table()));
+    EXPECT_EQ(std::memcmp(&component.table(), &kNone, sizeof kNone), 0);
     EXPECT_EQ(RecordedCalls(), u"test_component:init:0;test_component:unload:0;");
   }
   // Destroying a component still loaded unloads it.
