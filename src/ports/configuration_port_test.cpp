@@ -342,16 +342,12 @@ TEST_F(ConfigurationPortTest, DeletePortAndSet) {
 
 // ---- Port enumeration (host table entry 8), which drives a port through the port layer ----
 
-uint32_t EnumeratePort(const char16_t* path, std::u16string_view value) {
-  return CConfiguration::host_table()->EnumeratePort(ToSkString(path), ToSkString(value));
-}
-
 // (The switch and an empty value are the host table's own tests; a port that refuses the lock or
 // the value is the port isolation test's.)
 TEST_F(ConfigurationPortTest, EnumeratePortAddsTheValueAsAPortDefinition) {
   ASSERT_TRUE(SetNumberProperty(u"/EnumeratePort", 1));
   // The configuration port takes the lock, the value as a port definition and the follow-up.
-  EXPECT_EQ(EnumeratePort(u"config", Definition(nullptr)), 1u);
+  EXPECT_EQ(CConfiguration::host_table()->EnumeratePort(ToSkString(u"config"), ToSkString(Definition(nullptr))), 1u);
   EXPECT_EQ(GetProperty(u"NAVPRT002/PortName"), u"Kitchen");
 }
 

@@ -234,17 +234,10 @@ static void Enumerate(void* arg) {
   e->result = g_host->EnumeratePort(path, AsciiString("probe"));
 }
 
-/* Runs Enumerate on a thread of its own and waits for it; 0 when no thread could be made. */
-static int EnumerateOnThread(Enumeration* e) {
-  DevThread thread;
-  if (!DevThreadStart(&thread, Enumerate, e)) return 0;
-  DevThreadJoin(&thread);
-  return 1;
-}
-
 static uint32_t SKEIN_CALL TestIoctl(uint32_t number, uint32_t code, SkBlob* input, SkBlob** output) {
   SkLayerTable layers;
   Enumeration e;
+  DevThread thread;
   uint32_t value = 0;
   int ok;
   if (code == TEST_HOLD_WRITES || code == TEST_HELD_WRITES) {
@@ -266,7 +259,8 @@ static uint32_t SKEIN_CALL TestIoctl(uint32_t number, uint32_t code, SkBlob* inp
   }
   if (code == TEST_ENUMERATE || code == TEST_ENUMERATE_ON_THREAD) {
     e.path = input;
-    ok = input != NULL && (code == TEST_ENUMERATE ? (Enumerate(&e), 1) : EnumerateOnThread(&e));
+    ok = input != NULL && (code == TEST_ENUMERATE ? (Enumerate(&e), 1) : DevThreadStart(&thread, Enumerate, &e));
+    if (ok && code == TEST_ENUMERATE_ON_THREAD) DevThreadJoin(&thread); /* a thread it waits for */
     SkBlobRelease(input);
     if (ok) *output = SkDwordCreate(e.result);
     return ok ? SKR_SUCCESS : input == NULL ? SKR_INVALID_SIZE : SKR_SYSTEM_ERROR;
