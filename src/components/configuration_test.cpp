@@ -157,20 +157,18 @@ TEST_F(HostTableTest, EnumeratePortIsOffUnlessSwitchedOnAndAnEmptyValueAsksNothi
 
 TEST_F(HostTableTest, BlobReferencesBalance) {
   const uint8_t bytes[] = {1, 2, 3, 0, 255};
-  Blob* mine = BlobCopy(bytes, sizeof bytes);
-  BlobAddRef(mine);  // one reference stays with the test, one goes to the call
-  EXPECT_NE(host_->SetBinary(S(u"/dev/a/key"), ToSkBlob(mine)), 0);
-  EXPECT_EQ(mine->references.load(), 1u);
+  const BlobRef mine = BlobRef::Adopt(BlobCopy(bytes, sizeof bytes));
+  EXPECT_NE(host_->SetBinary(S(u"/dev/a/key"), ToSkBlob(BlobRef(mine).Release())), 0);  // a reference of its own
+  EXPECT_EQ(mine.get()->references.load(), 1u);
 
   SkBlob* read = nullptr;
   ASSERT_NE(host_->GetBinary(S(u"/dev/a/key"), &read), 0);
   ASSERT_NE(read, nullptr);
-  EXPECT_NE(read, ToSkBlob(mine));
+  EXPECT_NE(read, ToSkBlob(mine.get()));
   EXPECT_EQ(read->references, 1);
   ASSERT_EQ(read->size, sizeof bytes);
   EXPECT_TRUE(std::equal(bytes, bytes + sizeof bytes, SkBlobData(read)));
   SkBlobRelease(read);
-  BlobRelease(mine);
 
   // A null blob stores an empty value, which is found but hands back no blob.
   EXPECT_NE(host_->SetBinary(S(u"/dev/a/empty"), nullptr), 0);
