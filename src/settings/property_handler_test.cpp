@@ -18,9 +18,6 @@ std::string U8(const WString& s) { return std::string(WideToUtf8(View(s)).c_str(
 
 std::filesystem::path FsPath(const WString& path) { return std::filesystem::path(std::u16string(path)); }
 
-using testing::ReadBytes;
-using testing::WriteBytes;
-
 class PropertyStoreTest : public ::testing::Test {
  protected:
   void SetUp() override { testing::UseIsolatedDirs(); }
@@ -55,7 +52,7 @@ TEST_F(PropertyStoreTest, NestedGroupsAreCreatedAndWrittenAtOnce) {
   HeapVector<WString> groups;
   reread.EnumerateGroups(u"A", &groups);
   EXPECT_EQ(groups, HeapVector<WString>{u"B"});
-  EXPECT_EQ(ReadBytes(store.file_path()),
+  EXPECT_EQ(testing::ReadBytes(store.file_path()),
             "<xmlroot>\r\n  <type value=\"A\">\r\n    <type value=\"B\">\r\n      <property id=\"C\" type=\"string\""
             " value=\"value &lt;&amp;&gt;\"/>\r\n    </type>\r\n  </type>\r\n</xmlroot>");
 }
@@ -68,9 +65,9 @@ TEST_F(PropertyStoreTest, TypedValuesAndConflicts) {
   // A value of another type is not found, and cannot be overwritten: the file stays as it was.
   ASSERT_TRUE(store.SetString(u"port/PortType", u"12"));
   EXPECT_FALSE(store.GetNumber(u"port/PortType", &number_));
-  const std::string before = ReadBytes(store.file_path());
+  const std::string before = testing::ReadBytes(store.file_path());
   EXPECT_FALSE(store.SetNumber(u"port/PortType", 5));
-  EXPECT_EQ(ReadBytes(store.file_path()), before);
+  EXPECT_EQ(testing::ReadBytes(store.file_path()), before);
   ASSERT_TRUE(store.GetString(u"port/PortType", &value_));
   EXPECT_EQ(value_, u"12");
 
@@ -164,11 +161,11 @@ TEST_F(PropertyStoreTest, RefusedChangesLeaveNoTrace) {
     CPropertyHandler store(FreshName());
     ASSERT_TRUE(fill(&store));
     const WString text = store.document().GetText();
-    const std::string file = ReadBytes(store.file_path());
+    const std::string file = testing::ReadBytes(store.file_path());
     const std::string what = U8(c.text);
     EXPECT_FALSE(c.group ? store.ReplaceGroup(c.group, c.text) : store.ImportProperties(c.text)) << what;
     EXPECT_EQ(U8(store.document().GetText()), U8(text)) << what;
-    EXPECT_EQ(ReadBytes(store.file_path()), file) << what;
+    EXPECT_EQ(testing::ReadBytes(store.file_path()), file) << what;
     // The next save writes no leftover: the store is what one that never saw the request holds.
     CPropertyHandler untouched;
     ASSERT_TRUE(fill(&untouched));
@@ -193,20 +190,19 @@ TEST_F(PropertyStoreTest, UnusableFileStaysUntilTheFirstChangeThenIsKeptAsBad) {
   const WString name = FreshName();
   const WString path = CPropertyHandler(name).file_path();
   const std::string broken = "this is not XML <<<";
-  WriteBytes(path, broken);
+  testing::WriteBytes(path, broken);
   CPropertyHandler store(name);
   EXPECT_FALSE(store.GetString(u"anything", &value_));
-  EXPECT_EQ(ReadBytes(path), broken);  // untouched before any change
-  EXPECT_FALSE(std::filesystem::exists(FsPath(path + u".bad")));
-  // A save that fails (its temporary file cannot be written) leaves the unusable file in place.
+  // Untouched before any change; a save that fails (its temporary file cannot be written) leaves the
+  // unusable file in place too.
   std::filesystem::create_directory(FsPath(path + u".tmp"));
   EXPECT_FALSE(store.SetString(u"k", u"v"));
-  EXPECT_EQ(ReadBytes(path), broken);
+  EXPECT_EQ(testing::ReadBytes(path), broken);
   EXPECT_FALSE(std::filesystem::exists(FsPath(path + u".bad")));
   std::filesystem::remove(FsPath(path + u".tmp"));
 
   ASSERT_TRUE(store.SetString(u"k", u"v"));
-  EXPECT_EQ(ReadBytes(path + u".bad"), broken);
+  EXPECT_EQ(testing::ReadBytes(path + u".bad"), broken);
   CPropertyHandler reread(name);
   ASSERT_TRUE(reread.GetString(u"k", &value_));
   EXPECT_EQ(value_, u"v");

@@ -19,7 +19,6 @@
 namespace orlenda {
 namespace {
 
-WString W(const char16_t* s) { return WString(s); }
 std::string U8(const WString& s) { return std::string(WideToUtf8(View(s)).c_str()); }
 
 // ---- escaping ---------------------------------------------------------------------------------
@@ -36,13 +35,13 @@ TEST(XmlEscape, EscapeTable) {
       {u"\r\n\t\u00e9\u20ac", kAttr, u"\r\n\t\u00e9\u20ac"},  // nothing else escaped
       {u"", 0, u""}, {u"&amp;", 0, u"&amp;amp;"}, {u"<&lt;'", kKeep | kAttr, u"&lt;&lt;&apos;"},
   };
-  for (const auto& c : cases) EXPECT_EQ(EscapeXml(c.in, c.flags), W(c.out)) << U8(W(c.in));
+  for (const auto& c : cases) EXPECT_EQ(EscapeXml(c.in, c.flags), c.out) << U8(c.in);
   // Keeping references: an "&" that begins one stays, any other is escaped.
   for (const char16_t* kept : {u"&amp;", u"&#12;", u"&_:a-1.b;", u"&\u00e9t\u00e9;"}) {
-    EXPECT_EQ(EscapeXml(kept, kKeep), W(kept)) << U8(W(kept));
+    EXPECT_EQ(EscapeXml(kept, kKeep), kept) << U8(kept);
   }
   for (const char16_t* lone : {u"& ", u"&;", u"&a b;", u"&-a;", u"&1;", u"&abc", u"&"}) {
-    EXPECT_EQ(EscapeXml(lone, kKeep), u"&amp;" + W(lone + 1)) << U8(W(lone));
+    EXPECT_EQ(EscapeXml(lone, kKeep), u"&amp;" + WString(lone + 1)) << U8(lone);
   }
 }
 
@@ -57,10 +56,10 @@ TEST(XmlEscape, UnescapeTable) {
       // After a literal "&" decoding goes on with the very next character.
       {u"&&lt;", u"&<"}, {u"&#&#65;", u"&#A"},
   };
-  for (const auto& c : cases) EXPECT_EQ(UnescapeXml(c.in), W(c.out)) << U8(W(c.in));
+  for (const auto& c : cases) EXPECT_EQ(UnescapeXml(c.in), c.out) << U8(c.in);
   for (const char16_t* kept : {u"&#0;", u"&#;", u"&foo;", u"&x65;", u"&LT;", u"&#12345678;", u"&#1234567;",
                                u"&#xD800;", u"&#x110000;", u"&#12a;", u"&#X41;", u"&#65", u"&am"}) {
-    EXPECT_EQ(UnescapeXml(kept), W(kept));
+    EXPECT_EQ(UnescapeXml(kept), kept);
   }
   const WString text = u"if a<b && c>\"d\" then 'e' &#65; \u00e9\U0001F600";
   for (uint32_t flags : {0u, uint32_t{kEscapeAttribute}}) {
@@ -71,8 +70,8 @@ TEST(XmlEscape, UnescapeTable) {
 TEST(XmlEscape, CdataAndComment) {
   const char16_t* cases[][2] = {{u"a]]>b", u"<![CDATA[a]]]]><![CDATA[>b]]>"}, {u"a]]b>", u"<![CDATA[a]]b>]]>"},
                                  {u"]]>]]>", u"<![CDATA[]]]]><![CDATA[>]]]]><![CDATA[>]]>"}, {u"", u"<![CDATA[]]>"}};
-  for (const auto& c : cases) EXPECT_EQ(CdataSection(c[0]), W(c[1])) << U8(W(c[0]));
-  EXPECT_EQ(CommentText(u" note "), W(u"<!-- note -->"));
+  for (const auto& c : cases) EXPECT_EQ(CdataSection(c[0]), c[1]) << U8(c[0]);
+  EXPECT_EQ(CommentText(u" note "), u"<!-- note -->");
 }
 
 // ---- base64 -----------------------------------------------------------------------------------
@@ -114,7 +113,7 @@ TEST(Base64, RoundTripsEveryLength) {
     std::string bytes(n, '\0');
     for (char& b : bytes) b = static_cast<char>(random());
     const WString text = Encode(bytes);
-    ASSERT_EQ(text.substr(0, 2), W(u"\r\n")) << n;
+    ASSERT_EQ(text.substr(0, 2), u"\r\n") << n;
     for (std::size_t start = 2, end; start < text.size(); start = end + 2) {
       end = std::min(text.find(u"\r\n", start), text.size());
       EXPECT_GT(end - start, 0u) << "empty line at " << n;
@@ -143,11 +142,11 @@ TEST(Base64, DecodingIsLenientAndBounded) {
       // Only whole groups that fit are written; a padded one needs only its bytes.
       {u"Zm9vYmFy", 5, "foo"}, {u"Zm9v", 2, ""}, {u"Zm9vYg==", 4, "foob"},
   };
-  for (const auto& c : cases) EXPECT_EQ(Decode(c.text, c.room), c.bytes) << U8(W(c.text));
+  for (const auto& c : cases) EXPECT_EQ(Decode(c.text, c.room), c.bytes) << U8(c.text);
   // The size query counts the text as given, line breaks included.
   const std::pair<const char16_t*, std::size_t> rooms[] = {
       {u"", 3}, {u"Zm9vYmFy", 9}, {u"\r\nZm9vYmFy", 9}, {u"\r\nZm9vYmFy\r\n", 12}};
-  for (const auto& [text, room] : rooms) EXPECT_EQ(DecodeBase64(text, nullptr, 0), room) << U8(W(text));
+  for (const auto& [text, room] : rooms) EXPECT_EQ(DecodeBase64(text, nullptr, 0), room) << U8(text);
 }
 
 // ---- files ------------------------------------------------------------------------------------
@@ -214,7 +213,7 @@ TEST_F(XmlFileTest, EncodingsReadAlikeFromFileAndBytesAndSaveAsRead) {
     WString summary;
     if (c.written) {
       ASSERT_TRUE(WriteXmlFile(PathOf(kName), kSample, c.write_flags, &summary)) << U8(summary);
-      EXPECT_EQ(summary, W(c.written));
+      EXPECT_EQ(summary, c.written);
       EXPECT_EQ(ReadBytes(kName), c.bytes);
     } else {
       WriteBytes(kName, c.bytes);
@@ -223,9 +222,9 @@ TEST_F(XmlFileTest, EncodingsReadAlikeFromFileAndBytesAndSaveAsRead) {
     from_file.set_flags(kAllFlags);
     const bool file_result = from_file.LoadFile(PathOf(kName));
     EXPECT_EQ(file_result, c.well_formed);
-    EXPECT_EQ(from_file.GetReport(), W(c.report));
+    EXPECT_EQ(from_file.GetReport(), c.report);
     EXPECT_EQ(from_file.flags(), c.flags | kOtherFlag);
-    if (c.text) { EXPECT_EQ(from_file.GetText(), W(c.text)); }
+    if (c.text) { EXPECT_EQ(from_file.GetText(), c.text); }
     XmlDocument from_bytes;
     from_bytes.set_flags(kAllFlags);
     EXPECT_EQ(from_bytes.LoadBytes(reinterpret_cast<const uint8_t*>(c.bytes.data()), c.bytes.size()),
@@ -235,7 +234,7 @@ TEST_F(XmlFileTest, EncodingsReadAlikeFromFileAndBytesAndSaveAsRead) {
     EXPECT_EQ(from_bytes.GetText(), from_file.GetText());
     if (!c.written) continue;
     ASSERT_TRUE(from_file.SaveFile(PathOf("again.xml")));
-    EXPECT_EQ(from_file.GetReport(), W(c.written));
+    EXPECT_EQ(from_file.GetReport(), c.written);
     EXPECT_EQ(ReadBytes("again.xml"), c.bytes);
   }
   // A missing file reports the system's text and leaves an empty document.
