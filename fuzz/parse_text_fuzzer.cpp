@@ -17,53 +17,6 @@
 namespace orlenda::fuzz {
 namespace {
 
-// Every element reachable from the document, in document order; an index whose links loop
-// shows as more elements than the text has characters.
-std::vector<XmlDocument::ElementId> DocumentOrder(const XmlDocument& doc) {
-  const std::size_t limit = doc.GetText().size();
-  std::vector<XmlDocument::ElementId> order = testing::DocumentOrder(doc, limit);
-  Check(order.size() <= limit, "more elements than characters: the links loop");
-  return order;
-}
-
-// The index against the text: every element starts at "<" and its name, its start tag ends in
-// ">" inside it, it lies in its parent's content behind its previous sibling, and the links agree
-// both ways.
-void CheckIndex(const XmlDocument& doc) {
-  const WString& text = doc.GetText();
-  for (XmlDocument::ElementId id : DocumentOrder(doc)) {
-    const XmlRange range = doc.ElementRange(id);
-    const XmlRange tag = doc.StartTagRange(id);
-    const WString name = doc.ElementName(id);
-    const XmlDocument::ElementLinks links = doc.Links(id);
-    Check(RangeInText(range, text), "element inside the text");
-    Check(tag.offset == range.offset && tag.length <= range.length, "start tag inside its element");
-    Check(tag.length >= name.size() + 2, "start tag holds its name");
-    Check(text[range.offset] == u'<' && text.compare(range.offset + 1, name.size(), name) == 0,
-          "element starts with '<' and its name");
-    Check(text[tag.offset + tag.length - 1] == u'>', "start tag ends with '>'");
-    if (!doc.IsIllFormed(id) && range.length > tag.length) {
-      Check(text[range.offset + range.length - 1] == u'>', "a sound element ends with its end tag");
-    }
-    if (links.parent != 0) {
-      const XmlRange parent = doc.ElementRange(links.parent);
-      const XmlRange parent_tag = doc.StartTagRange(links.parent);
-      Check(range.offset >= parent_tag.offset + parent_tag.length &&
-                range.offset + range.length <= parent.offset + parent.length,
-            "element inside its parent's content");
-    }
-    if (links.prev_sibling != 0) {
-      const XmlRange previous = doc.ElementRange(links.prev_sibling);
-      Check(doc.Links(links.prev_sibling).next_sibling == id, "sibling links agree");
-      Check(previous.offset + previous.length <= range.offset, "siblings in order, apart");
-    } else {
-      Check(doc.Links(links.parent).first_child == id, "a first sibling is its parent's first");
-    }
-    if (links.next_sibling != 0) Check(doc.Links(links.next_sibling).prev_sibling == id, "sibling links agree");
-    if (links.first_child != 0) Check(doc.Links(links.first_child).parent == id, "a first child names its parent");
-  }
-}
-
 // After an edit, taken or refused, the index must still describe the text; a well-formed document
 // stays one, and its index is the one a fresh parse gives (the caller has checked that its links
 // do not loop; a fresh parse's are bounded here).
@@ -150,7 +103,6 @@ void Exercise(WStringView text) {
   std::size_t elements = WalkAll(&doc, true);
   Check(!doc.HasValidRoot() || elements > 0, "a valid root is an element");
   FindByPaths(&doc);
-  CheckIndex(doc);
   Edit(&doc, well_formed);
   Splice(text);
 }

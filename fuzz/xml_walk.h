@@ -6,8 +6,10 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <vector>
 
 #include "settings/xml_document.h"
+#include "tests/support/xml_document_order.h"
 
 namespace orlenda::fuzz {
 
@@ -24,18 +26,13 @@ inline bool RangeInText(const XmlRange& range, const WString& text) {
   return range.offset <= text.size() && range.length <= text.size() - range.offset;
 }
 
-// Reads the main element: name, place, attributes by index and by name, its path, and its
-// subtree parsed as a document of its own.
+// Reads the main element: its place, attributes by index and by name, its path, and its subtree
+// parsed as a document of its own. Its name and place in the text are checked by CheckIndex.
 inline void VisitMain(XmlDocument* doc, bool extract) {
   const WString& text = doc->GetText();
   XmlDocument::ElementId element = doc->main_position();
   Check(element != 0, "a found element has a number");
-  WString name = doc->ElementName(element);
   XmlRange range = doc->ElementRange(element);
-  Check(RangeInText(range, text), "element range inside the text");
-  Check(range.length > 0 && text[range.offset] == u'<', "an element starts at '<'");
-  Check(text.compare(range.offset + 1, name.size(), name) == 0, "the name follows '<'");
-  (void)doc->IsIllFormed(element);
   for (std::size_t n = 0; n < range.length; ++n) {
     WString attribute = doc->AttributeNameAt(element, n);
     if (attribute.empty()) break;
@@ -56,7 +53,55 @@ inline void VisitMain(XmlDocument* doc, bool extract) {
   }
 }
 
-// Every element, depth first, each one visited exactly once. Returns the number of elements.
+// Every element reachable from the document, in document order; an index whose links loop
+// shows as more elements than the text has characters.
+inline std::vector<XmlDocument::ElementId> DocumentOrder(const XmlDocument& doc) {
+  const std::size_t limit = doc.GetText().size();
+  std::vector<XmlDocument::ElementId> order = testing::DocumentOrder(doc, limit);
+  Check(order.size() <= limit, "more elements than characters: the links loop");
+  return order;
+}
+
+// The index against the text: every element starts at "<" and its name, its start tag ends in
+// ">" inside it, it lies in its parent's content behind its previous sibling, and the links agree
+// both ways.
+inline void CheckIndex(const XmlDocument& doc) {
+  const WString& text = doc.GetText();
+  for (XmlDocument::ElementId id : DocumentOrder(doc)) {
+    const XmlRange range = doc.ElementRange(id);
+    const XmlRange tag = doc.StartTagRange(id);
+    const WString name = doc.ElementName(id);
+    const XmlDocument::ElementLinks links = doc.Links(id);
+    Check(RangeInText(range, text), "element inside the text");
+    Check(tag.offset == range.offset && tag.length <= range.length, "start tag inside its element");
+    Check(tag.length >= name.size() + 2, "start tag holds its name");
+    Check(text[range.offset] == u'<' && text.compare(range.offset + 1, name.size(), name) == 0,
+          "element starts with '<' and its name");
+    Check(text[tag.offset + tag.length - 1] == u'>', "start tag ends with '>'");
+    if (!doc.IsIllFormed(id) && range.length > tag.length) {
+      Check(text[range.offset + range.length - 1] == u'>', "a sound element ends with its end tag");
+    }
+    if (links.parent != 0) {
+      const XmlRange parent = doc.ElementRange(links.parent);
+      const XmlRange parent_tag = doc.StartTagRange(links.parent);
+      Check(range.offset >= parent_tag.offset + parent_tag.length &&
+                range.offset + range.length <= parent.offset + parent.length,
+            "element inside its parent's content");
+    }
+    if (links.prev_sibling != 0) {
+      const XmlRange previous = doc.ElementRange(links.prev_sibling);
+      Check(doc.Links(links.prev_sibling).next_sibling == id, "sibling links agree");
+      Check(previous.offset + previous.length <= range.offset, "siblings in order, apart");
+    } else {
+      Check(doc.Links(links.parent).first_child == id, "a first sibling is its parent's first");
+    }
+    if (links.next_sibling != 0) Check(doc.Links(links.next_sibling).prev_sibling == id, "sibling links agree");
+    if (links.first_child != 0) Check(doc.Links(links.first_child).parent == id, "a first child names its parent");
+  }
+}
+
+// Every element, depth first, each one visited exactly once, then the index checked against the
+// text. Returns the number of elements.
 // Subtrees are extracted and parsed for the first few elements only, which keeps deeply nested
 // inputs from costing the square of their length.
 inline std::size_t WalkAll(XmlDocument* doc, bool extract) {
@@ -82,6 +127,7 @@ inline std::size_t WalkAll(XmlDocument* doc, bool extract) {
     }
   }
   Check(!doc->Ascend(), "no ascent above document level");
+  CheckIndex(*doc);
   return visited;
 }
 
