@@ -220,15 +220,14 @@ TEST_F(XmlFileTest, EncodingsReadAlikeFromFileAndBytesAndSaveAsRead) {
     }
     XmlDocument from_file;
     from_file.set_flags(kAllFlags);
-    const bool file_result = from_file.LoadFile(PathOf(kName));
-    EXPECT_EQ(file_result, c.well_formed);
+    EXPECT_EQ(from_file.LoadFile(PathOf(kName)), c.well_formed);
     EXPECT_EQ(from_file.GetReport(), c.report);
     EXPECT_EQ(from_file.flags(), c.flags | kOtherFlag);
     if (c.text) { EXPECT_EQ(from_file.GetText(), c.text); }
     XmlDocument from_bytes;
     from_bytes.set_flags(kAllFlags);
     EXPECT_EQ(from_bytes.LoadBytes(reinterpret_cast<const uint8_t*>(c.bytes.data()), c.bytes.size()),
-              file_result);
+              c.well_formed);
     EXPECT_EQ(from_bytes.GetReport(), from_file.GetReport());
     EXPECT_EQ(from_bytes.flags(), from_file.flags());
     EXPECT_EQ(from_bytes.GetText(), from_file.GetText());
