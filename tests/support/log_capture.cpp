@@ -22,44 +22,29 @@ LogLine DecodeLine(const Bytes& record) {
   return line;
 }
 
-// Cuts each writer's stream into records by the lengths in their headers.
-class LogReceiver::Reader : public platform::PipeReadLoop::Handler {
- public:
-  explicit Reader(LogReceiver* owner) : owner_(owner) {}
-
-  void* OnConnect() override { return new Bytes(); }
-  void OnBytes(void* writer, const uint8_t* bytes, std::size_t size) override {
-    Bytes& pending = *static_cast<Bytes*>(writer);
-    pending.insert(pending.end(), bytes, bytes + size);
-    std::size_t at = 0;
-    while (pending.size() - at >= logging::kRecordHeaderSize) {
-      const logging::RecordHeader h = logging::DecodeRecordHeader(pending.data() + at);
-      const std::size_t total = logging::kRecordHeaderSize + 2ull * h.text_length + h.data_length;
-      if (pending.size() - at < total) break;
-      std::lock_guard<std::mutex> lock(owner_->mutex_);
-      owner_->records_.emplace_back(pending.begin() + at, pending.begin() + at + total);
-      at += total;
-    }
-    pending.erase(pending.begin(), pending.begin() + at);
+void LogReceiver::OnBytes(void* writer, const uint8_t* bytes, std::size_t size) {
+  Bytes& pending = *static_cast<Bytes*>(writer);
+  pending.insert(pending.end(), bytes, bytes + size);
+  std::size_t at = 0;
+  while (pending.size() - at >= logging::kRecordHeaderSize) {
+    const logging::RecordHeader h = logging::DecodeRecordHeader(pending.data() + at);
+    const std::size_t total = logging::kRecordHeaderSize + 2ull * h.text_length + h.data_length;
+    if (pending.size() - at < total) break;
+    std::lock_guard<std::mutex> lock(mutex_);
+    records_.emplace_back(pending.begin() + at, pending.begin() + at + total);
+    at += total;
   }
-  // A record cut short never arrives: the test sees it missing.
-  void OnDisconnect(void* writer) override { delete static_cast<Bytes*>(writer); }
-  void OnTick() override {}
+  pending.erase(pending.begin(), pending.begin() + at);
+}
 
- private:
-  LogReceiver* owner_;
-};
-
-LogReceiver::LogReceiver() = default;
 LogReceiver::~LogReceiver() { Stop(); }
 
 void LogReceiver::HoldPresence() { ASSERT_EQ(presence_.Acquire(logging::kLogServiceEventName), 0u); }
 
 void LogReceiver::Listen() {
   loop_ = std::make_unique<platform::PipeReadLoop>();
-  reader_ = std::make_unique<Reader>(this);
   ASSERT_EQ(loop_->Listen(logging::kLogServicePipeName, platform::PipeMode::kMessage), 0u);
-  thread_ = std::thread([this] { loop_->Run(reader_.get(), 50); });
+  thread_ = std::thread([this] { loop_->Run(this, 50); });
 }
 
 void LogReceiver::Start() {
@@ -93,11 +78,7 @@ std::vector<Bytes> LogReceiver::Records() {
 namespace {
 
 constexpr char16_t kCaptureStart[] = u"capture start";
-
-bool IsLossReport(const std::u16string& text) {
-  const std::u16string lost = u" messages lost";
-  return text.size() > lost.size() && text.compare(text.size() - lost.size(), lost.size(), lost) == 0;
-}
+constexpr std::u16string_view kLost = u" messages lost";
 
 }  // namespace
 
@@ -109,8 +90,7 @@ LogCapture::LogCapture() {
 std::vector<LogLine> LogCapture::Lines() {
   const std::u16string marker = u"capture marker " + std::u16string(1, char16_t(u'A' + markers_++ % 26));
   Log(4, marker.c_str());
-  for (int i = 0; i < 1000; ++i) {
-    if (i > 0) platform::SleepMs(10);
+  for (int i = 0; i < 1000; ++i, platform::SleepMs(10)) {
     std::vector<LogLine> lines;
     bool started = false;
     for (const Bytes& record : receiver_.Records()) {
@@ -120,8 +100,9 @@ std::vector<LogLine> LogCapture::Lines() {
         started = line.text == kCaptureStart;
         continue;
       }
-      const bool earlier_marker = line.text.rfind(u"capture marker ", 0) == 0;
-      if (!earlier_marker && !IsLossReport(line.text)) lines.push_back(std::move(line));
+      const std::u16string_view text = line.text;
+      const bool loss = text.size() > kLost.size() && text.substr(text.size() - kLost.size()) == kLost;
+      if (text.rfind(u"capture marker ", 0) != 0 && !loss) lines.push_back(std::move(line));
     }
   }
   ADD_FAILURE() << "the capture marker never arrived";
