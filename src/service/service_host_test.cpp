@@ -54,10 +54,7 @@ TEST(RunMode, VerbsAfterADashOrSlashInAnyCase) {
 // The system as a recorder: every status report, execution state and error event, in order.
 class FakeSystem : public platform::ServiceSystem {
  public:
-  uint32_t RunDispatcher(const char16_t*, ServiceMain main) override {
-    main();
-    return 0;
-  }
+  uint32_t RunDispatcher(const char16_t*, ServiceMain) override { return 0; }
   bool RegisterControlHandler(const char16_t*, ControlHandler) override { return true; }
   bool SetStatus(const ServiceStatus& status) override {
     std::lock_guard<std::mutex> hold(lock);
@@ -160,13 +157,12 @@ TEST(ServiceHostTest, AFailedReportBecomesTheExitCodeAndTheConsoleRunReportsNoth
 // ServiceStart itself, on the data folder of this test process.
 class ServiceStartTest : public testing::ConfigurationFixture {
  protected:
-  void WriteBrokerConfiguration(const char16_t* tcp = u"Enable") {
+  void WriteBrokerConfiguration() {
     testing::WriteConfiguration({{u"loopback", ORLENDA_LOOPBACK_MODULE}}, {{u"/stack/LOOP/loopback/note", u""}});
     port_ = testing::FreeTcpPort();
     testing::SetNumberOnFile(u"/TCP_COMMUNICATION_PORT", port_);
     CPropertyHandler properties{WString(u"Orlenda.properties")};
     ASSERT_TRUE(properties.SetString(u"LOOP/1/PortName", u"test"));
-    ASSERT_TRUE(properties.SetString(u"/SK_TCP_COMMUNICATION", tcp));
   }
   // Runs ServiceStart under ServiceMain on a thread until `work` is done.
   void RunService(const std::function<void()>& work) {
@@ -178,10 +174,6 @@ class ServiceStartTest : public testing::ConfigurationFixture {
   }
   static std::filesystem::path FsPath(const WString& path) {
     return std::filesystem::u8path(std::string(WideToUtf8(View(path)).c_str()));
-  }
-  bool TcpListens() {
-    testing::WireClient client;
-    return client.ConnectTcp(port_) == platform::kErrorSuccess;
   }
 
   FakeSystem system_;
@@ -196,15 +188,23 @@ TEST_F(ServiceStartTest, AConfigurationThatCannotLoadStopsWithExitCodeThree) {
   system_.ExpectStoppedAtStart(kStartFailedExitCode);
 }
 
-TEST_F(ServiceStartTest, AConfigurationOthersMayWriteIsRefused) {
+// The folder is taken over whoever made it; a file in it that others may write is refused.
+TEST_F(ServiceStartTest, ALooserDataFolderIsTakenOverAndAConfigurationOthersMayWriteIsRefused) {
   WriteBrokerConfiguration();
   namespace fs = std::filesystem;
+  ServiceHost host(kIdentity, &ServiceStart, system_);
+  WString folder, refusal;
+  ASSERT_TRUE(ServiceDataFolder(host, &folder));
+  fs::permissions(FsPath(folder), fs::perms::all);  // anyone may plant a configuration in it
+  EXPECT_TRUE(SecureServiceData(host, &refusal)) << testing::Narrow(View(refusal));
+  bool trusted = false;
+  ASSERT_EQ(platform::OnlyTrustedMayChange(folder.c_str(), &trusted), 0u);
+  EXPECT_TRUE(trusted);
+
   const WString path = testing::StorePath(u"Orlenda.configuration");
   fs::permissions(FsPath(path), fs::perms::others_write, fs::perm_options::add);
-  bool trusted = true;
   ASSERT_EQ(platform::OnlyTrustedMayChange(path.c_str(), &trusted), 0u);
   if (trusted) GTEST_SKIP() << "this file system cannot make a file writable by others from here";
-  ServiceHost host(kIdentity, &ServiceStart, system_);
   host.ServiceMain();
   system_.ExpectStoppedAtStart(kStartFailedExitCode);
   ASSERT_EQ(system_.events.size(), 1u);
@@ -212,25 +212,14 @@ TEST_F(ServiceStartTest, AConfigurationOthersMayWriteIsRefused) {
   fs::permissions(FsPath(path), fs::perms::others_write, fs::perm_options::remove);
 }
 
-TEST_F(ServiceStartTest, ALooserDataFolderIsTakenOver) {
-  ServiceHost host(kIdentity, &ServiceStart, system_);
-  WString folder;
-  ASSERT_TRUE(ServiceDataFolder(host, &folder));
-  std::filesystem::create_directories(FsPath(folder));  // and anyone may plant a configuration in it
-  std::filesystem::permissions(FsPath(folder), std::filesystem::perms::all);
-  WString refusal;
-  EXPECT_TRUE(SecureServiceData(host, &refusal)) << testing::Narrow(View(refusal));
-  bool trusted = false;
-  ASSERT_EQ(platform::OnlyTrustedMayChange(folder.c_str(), &trusted), 0u);
-  EXPECT_TRUE(trusted);
-}
-
 // Locked, unlocked, locked by another client that then goes away without unlocking, and the stop
 // lets the machine sleep while the servers are still there (each change is seen before the next).
 TEST_F(ServiceStartTest, TheMachineStaysAwakeOnlyWhileAPortIsLockedAndSleepsBeforeTheServersGo) {
   WriteBrokerConfiguration();
   std::vector<bool> listening;
-  system_.on_execution_state = [&](uint32_t) { listening.push_back(TcpListens()); };
+  system_.on_execution_state = [&](uint32_t) {
+    listening.push_back(testing::WireClient().ConnectTcp(port_) == platform::kErrorSuccess);
+  };
   testing::WireClient holder, leaver;
   const auto lock = [&](testing::WireClient& client, uint32_t value, uint32_t flags) {
     ASSERT_EQ(client.Call(testing::IoctlFrame(2, SK_PORT_LOCK, testing::DwordBytes(value))), SKR_SUCCESS);
@@ -252,15 +241,6 @@ TEST_F(ServiceStartTest, TheMachineStaysAwakeOnlyWhileAPortIsLockedAndSleepsBefo
   EXPECT_EQ(listening, std::vector<bool>(5, true));
   EXPECT_TRUE(holder.AwaitClosed(5000));
   EXPECT_EQ(RegisteredServerCount(), 0u);
-}
-
-TEST_F(ServiceStartTest, WithTcpSwitchedOffTheServiceRunsOnThePipeAlone) {
-  WriteBrokerConfiguration(u"Disable");
-  RunService([&] {
-    EXPECT_EQ(RegisteredServerCount(), 2u);  // registered all the same, and idle
-    EXPECT_FALSE(TcpListens());
-  });
-  EXPECT_EQ(system_.statuses.back().win32_exit_code, 0u);
 }
 
 }  // namespace
