@@ -78,11 +78,10 @@ class PipeReadLoopTest : public testing::ScratchNameTest {
   }
   // True once `count` writers have arrived (bounded wait).
   bool WaitForWriters(std::size_t count, bool disconnected) {
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 0; i < 500; ++i, SleepMs(10)) {
       std::size_t seen = 0;
       for (const Recorder::Writer& w : recorder_.writers()) seen += !disconnected || w.disconnects > 0;
       if (seen >= count) return true;
-      SleepMs(10);
     }
     return false;
   }

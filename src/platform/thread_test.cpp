@@ -52,13 +52,6 @@ TEST(TimeTest, SleepAndTickCountAgree) {
   EXPECT_LT(elapsed, std::chrono::seconds(5));
   EXPECT_GE(ticks, 80u);
   EXPECT_LT(ticks, 5000u);
-
-  uint32_t previous = TickCountMs();
-  for (int i = 0; i < 10000; ++i) {
-    uint32_t now = TickCountMs();
-    ASSERT_LT(now - previous, 1000u) << "tick count went backwards or jumped";
-    previous = now;
-  }
 }
 
 TEST(TimeTest, FileTimeIsUtcSince1601AndReadsAsLocalTime) {
