@@ -164,14 +164,6 @@ class ServiceStartTest : public testing::ConfigurationFixture {
     CPropertyHandler properties{WString(u"Orlenda.properties")};
     ASSERT_TRUE(properties.SetString(u"LOOP/1/PortName", u"test"));
   }
-  // Runs ServiceStart under ServiceMain on a thread until `work` is done.
-  void RunService(const std::function<void()>& work) {
-    ServiceHost host(kIdentity, &ServiceStart, system_);
-    std::thread service([&] { host.ServiceMain(); });
-    if (system_.AwaitState(platform::kServiceRunning)) work();
-    host.OnControl(platform::kServiceControlStop);
-    service.join();
-  }
   static std::filesystem::path FsPath(const WString& path) {
     return std::filesystem::u8path(std::string(WideToUtf8(View(path)).c_str()));
   }
@@ -225,7 +217,7 @@ TEST_F(ServiceStartTest, TheMachineStaysAwakeOnlyWhileAPortIsLockedAndSleepsBefo
     ASSERT_EQ(client.Call(testing::IoctlFrame(2, SK_PORT_LOCK, testing::DwordBytes(value))), SKR_SUCCESS);
     EXPECT_TRUE(system_.Await([&] { return !system_.execution.empty() && system_.execution.back() == flags; }));
   };
-  RunService([&] {
+  const auto work = [&] {
     ASSERT_EQ(holder.ConnectTcp(port_), platform::kErrorSuccess);
     ASSERT_EQ(holder.Call(testing::OpenFrame(1, u"LOOP/1")), SKR_SUCCESS);
     lock(holder, 1, kAwake);
@@ -235,7 +227,12 @@ TEST_F(ServiceStartTest, TheMachineStaysAwakeOnlyWhileAPortIsLockedAndSleepsBefo
     lock(leaver, 1, kAwake);
     leaver.Disconnect();
     EXPECT_TRUE(system_.Await([&] { return system_.execution.size() == 4; }));
-  });
+  };
+  ServiceHost host(kIdentity, &ServiceStart, system_);
+  std::thread service([&] { host.ServiceMain(); });
+  if (system_.AwaitState(platform::kServiceRunning)) work();  // its failures still stop the service
+  host.OnControl(platform::kServiceControlStop);
+  service.join();
   EXPECT_EQ(system_.execution, (std::vector<uint32_t>{kAwake, platform::kExecutionContinuous, kAwake,
                                                       platform::kExecutionContinuous, platform::kExecutionContinuous}));
   EXPECT_EQ(listening, std::vector<bool>(5, true));

@@ -7,7 +7,6 @@
 #include "common/wide_string.h"
 #include "logging/log.h"
 #include "logging/log_record.h"
-#include "platform/errors.h"
 #include "platform/thread.h"
 
 namespace orlenda::testing {
@@ -37,19 +36,12 @@ void LogReceiver::OnBytes(void* writer, const uint8_t* bytes, std::size_t size) 
   pending.erase(pending.begin(), pending.begin() + at);
 }
 
-LogReceiver::~LogReceiver() { Stop(); }
-
 void LogReceiver::HoldPresence() { ASSERT_EQ(presence_.Acquire(logging::kLogServiceEventName), 0u); }
 
 void LogReceiver::Listen() {
   loop_ = std::make_unique<platform::PipeReadLoop>();
   ASSERT_EQ(loop_->Listen(logging::kLogServicePipeName, platform::PipeMode::kMessage), 0u);
   thread_ = std::thread([this] { loop_->Run(this, 50); });
-}
-
-void LogReceiver::Start() {
-  HoldPresence();
-  Listen();
 }
 
 void LogReceiver::Stop(bool deliver_queued) {

@@ -31,13 +31,15 @@ LogLine DecodeLine(const Bytes& record);
 
 class LogReceiver : private platform::PipeReadLoop::Handler {
  public:
-  ~LogReceiver() override;
+  ~LogReceiver() override { Stop(); }
 
   // Presence and pipe separately, so tests can show a service that is present without its pipe.
   void HoldPresence();
   void Listen();
-  // HoldPresence and Listen.
-  void Start();
+  void Start() {
+    HoldPresence();
+    Listen();
+  }
   // Stops listening and lets go of the presence. First, unless `deliver_queued` is false, waits
   // (bounded) until what this process traced so far has arrived, as a service stopping in order
   // would have read it.
