@@ -199,7 +199,7 @@ TEST_F(LogClientTest, ServiceGoneBeforeItsPipeThenAbsentThenStoppedMidStreamRepo
   // Each report follows the first record that got through after the loss, at level 0.
   std::vector<std::u16string> expected = Sequence(u"record ", 1, 50);
   expected.insert(expected.begin() + 1, u"4 messages lost");
-  EXPECT_EQ(Texts(first.Records()), expected);
+  EXPECT_EQ(Texts(first.WaitFor(0)), expected);
   expected = Sequence(u"record ", 81, 100);
   expected.insert(expected.begin() + 1, u"30 messages lost");
   const std::vector<Bytes> records = second.WaitFor(expected.size());

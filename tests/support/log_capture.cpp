@@ -55,16 +55,10 @@ void LogReceiver::Stop(bool deliver_queued) {
 }
 
 std::vector<Bytes> LogReceiver::WaitFor(std::size_t count) {
-  for (int i = 0; i < 500; ++i, platform::SleepMs(10)) {
+  for (int i = 0;; ++i, platform::SleepMs(10)) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (records_.size() >= count) return records_;
+    if (records_.size() >= count || i == 500) return records_;
   }
-  return Records();
-}
-
-std::vector<Bytes> LogReceiver::Records() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return records_;
 }
 
 namespace {
@@ -85,7 +79,7 @@ std::vector<LogLine> LogCapture::Lines() {
   for (int i = 0; i < 1000; ++i, platform::SleepMs(10)) {
     std::vector<LogLine> lines;
     bool started = false;
-    for (const Bytes& record : receiver_.Records()) {
+    for (const Bytes& record : receiver_.WaitFor(0)) {
       LogLine line = DecodeLine(record);
       if (line.text == marker) return lines;
       if (!started) {

@@ -45,10 +45,8 @@ class LogReceiver : private platform::PipeReadLoop::Handler {
   // would have read it.
   void Stop(bool deliver_queued = true);
 
-  // Waits (bounded) until `count` records have arrived; returns all there are.
+  // Waits (bounded) until `count` records have arrived; returns all there are, at once for 0.
   std::vector<Bytes> WaitFor(std::size_t count);
-  // What has arrived so far.
-  std::vector<Bytes> Records();
 
  private:
   // Cuts each writer's stream into records by the lengths in their headers; a record cut short
