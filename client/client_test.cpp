@@ -18,7 +18,7 @@ namespace orlenda {
 namespace {
 
 using namespace orlenda::port_testing;  // NOLINT: the fixture helpers
-using namespace orlenda::testing;       // NOLINT: the served fixture, frames and the scripted server
+using namespace orlenda::testing;       // NOLINT: the served fixture, the wire client and its frames
 
 class ClientTest : public ServedTest, public ::testing::WithParamInterface<Transport> {};
 
