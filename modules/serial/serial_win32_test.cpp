@@ -61,13 +61,10 @@ class SerialComTest : public DeviceTest {
  protected:
   void SetUp() override {
     DeviceTest::SetUp();
-    const char* module_port = std::getenv("ORLENDA_TEST_COM_MODULE");
-    const char* peer_port = std::getenv("ORLENDA_TEST_COM_PEER");
-    if (module_port == nullptr || peer_port == nullptr) GTEST_SKIP() << "run through serial_wine_test.sh";
-    module_port_ = module_port;
-    peer_port_ = peer_port;
+    if (module_port_ == nullptr || peer_port_ == nullptr) GTEST_SKIP() << "run through serial_wine_test.sh";
   }
-  std::string module_port_, peer_port_;
+  const char* const module_port_ = std::getenv("ORLENDA_TEST_COM_MODULE");
+  const char* const peer_port_ = std::getenv("ORLENDA_TEST_COM_PEER");
 };
 
 TEST_F(SerialComTest, BytesGoBothWaysThroughTheComPort) {

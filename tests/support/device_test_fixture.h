@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <string>
@@ -92,11 +93,9 @@ class DeviceClient {
   // state may not have the event yet.
   std::string LastText(uint32_t event) {
     WaitCount(event, 1);
-    std::string text;
-    for (const auto& e : Events()) {
-      if (e.event == event) text = testing::Narrow(port_testing::Units(e.data).c_str());  // to its NUL
-    }
-    return text;
+    const auto& events = Events();
+    const auto last = std::find_if(events.rbegin(), events.rend(), [&](const auto& e) { return e.event == event; });
+    return last == events.rend() ? "" : testing::Narrow(port_testing::Units(last->data).c_str());  // to its NUL
   }
  private:
   LocalConnection connection_;
