@@ -2,29 +2,22 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 namespace orlenda::platform {
 namespace {
 
 // The test executable carries the settings schema as RT_HTML 101, as the service does.
 constexpr uint32_t kSchemaId = 101;
 
+// What the document holds is compared byte for byte with its source file where the settings schema
+// loads it. Here: the bytes live in the executable, so a second lookup gives the very same bytes,
+// not a copy.
 TEST(FindModuleResource, FindsTheEmbeddedDocumentInPlace) {
-  const uint8_t* data = nullptr;
-  std::size_t size = 0;
-  ASSERT_TRUE(FindModuleResource(kResourceTypeHtml, kSchemaId, &data, &size));
-  ASSERT_NE(data, nullptr);
-  constexpr char kDeclaration[] = "<?xml";
-  ASSERT_GT(size, sizeof(kDeclaration));
-  EXPECT_EQ(std::memcmp(data, kDeclaration, sizeof(kDeclaration) - 1), 0);
-
-  // The bytes live in the executable: a second lookup gives the very same bytes, not a copy.
-  const uint8_t* again = nullptr;
-  std::size_t again_size = 0;
-  ASSERT_TRUE(FindModuleResource(kResourceTypeHtml, kSchemaId, &again, &again_size));
-  EXPECT_EQ(again, data);
-  EXPECT_EQ(again_size, size);
+  const uint8_t* data[2] = {};
+  std::size_t size[2] = {};
+  for (int i = 0; i < 2; ++i) ASSERT_TRUE(FindModuleResource(kResourceTypeHtml, kSchemaId, &data[i], &size[i]));
+  ASSERT_NE(data[0], nullptr);
+  EXPECT_EQ(data[1], data[0]);
+  EXPECT_EQ(size[1], size[0]);
 }
 
 TEST(FindModuleResource, MissingResourcesClearTheResults) {

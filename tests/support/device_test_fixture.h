@@ -22,8 +22,6 @@
 
 namespace orlenda::device_testing {
 
-using port_testing::Text;
-
 // A port's settings: names and their values.
 using Settings = std::vector<std::pair<const char16_t*, std::u16string>>;
 
@@ -84,7 +82,7 @@ class DeviceClient {
   std::string Data() {
     std::string bytes;
     for (const auto& e : Events()) {
-      if (e.event == SK_EVENT_DEVICE_DATA) bytes += Text(e.data);
+      if (e.event == SK_EVENT_DEVICE_DATA) bytes += port_testing::Text(e.data);
     }
     return bytes;
   }
