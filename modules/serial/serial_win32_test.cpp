@@ -79,9 +79,7 @@ TEST_F(SerialComTest, BytesGoBothWaysThroughTheComPort) {
   EXPECT_EQ(client.LastText(SK_EVENT_DEVICE_ONLINE), module_port_);
 
   const std::string out("\x1b@receipt\r\n\x00\xff", 13);
-  uint32_t written = 0;
-  ASSERT_EQ(client.Write(out, &written), SKR_SUCCESS);
-  EXPECT_EQ(written, out.size());
+  ASSERT_EQ(client.Write(out), SKR_SUCCESS);  // the count a write reports: with the large one below
   EXPECT_EQ(peer.Read(out.size()), out);
 
   ASSERT_TRUE(peer.Write(std::string("\x12status", 7)));
@@ -92,6 +90,7 @@ TEST_F(SerialComTest, BytesGoBothWaysThroughTheComPort) {
   for (std::size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 13 + i / 509);
   std::string received;
   std::thread device([&] { received = peer.Read(large.size()); });
+  uint32_t written = 0;
   const uint32_t result = client.Write(large, &written);
   device.join();
   EXPECT_EQ(result, SKR_SUCCESS) << std::hex << result << " " << client.LastText(SK_EVENT_DEVICE_OFFLINE);
