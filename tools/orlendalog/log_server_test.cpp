@@ -54,15 +54,14 @@ TEST(LogServer, GarbageAndHalfRecordsAreReportedWhileGoodWritersGoOnAndTheServic
   ASSERT_TRUE(FlushLog(5000));
   server.Stop();
 
-  const std::vector<SeenRecord> records = sink.records();
-  ASSERT_EQ(records.size(), static_cast<std::size_t>(kGood));
+  ASSERT_EQ(sink.records.size(), static_cast<std::size_t>(kGood));
   std::set<std::u16string> texts;
-  for (const SeenRecord& r : records) texts.insert(r.text);
+  for (const SeenRecord& r : sink.records) texts.insert(r.text);
   EXPECT_EQ(texts.size(), static_cast<std::size_t>(kGood));
   EXPECT_EQ(texts.count(u"good 0"), 1u);
   EXPECT_EQ(texts.count(u"good 39"), 1u);
   // One notice for each bad writer, none for the good ones.
-  EXPECT_EQ(sink.notices().size(), bad.size());
+  EXPECT_EQ(sink.notices.size(), bad.size());
 
   // The stopped service can start again on the same pipe.
   LogServer again(&sink);
@@ -70,8 +69,8 @@ TEST(LogServer, GarbageAndHalfRecordsAreReportedWhileGoodWritersGoOnAndTheServic
   ASSERT_TRUE(Log(4, u"after"));
   ASSERT_TRUE(FlushLog(5000));
   again.Stop();
-  ASSERT_EQ(sink.records().size(), kGood + 1u);
-  EXPECT_EQ(sink.records().back().text, u"after");
+  ASSERT_EQ(sink.records.size(), kGood + 1u);
+  EXPECT_EQ(sink.records.back().text, u"after");
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ TEST(RecordReader, ReadsRecordsWhateverTheBytesArriveIn) {
       reader.Feed(stream.data() + at, std::min(step, stream.size() - at));
     }
     reader.Finish();
-    const std::vector<SeenRecord> seen = sink.records();
+    const std::vector<SeenRecord>& seen = sink.records;
     ASSERT_EQ(seen.size(), 3u);
     EXPECT_EQ(seen[0].text, u"hello");
     EXPECT_EQ(seen[0].data, (std::vector<uint8_t>{1, 2, 3}));
@@ -36,7 +36,7 @@ TEST(RecordReader, ReadsRecordsWhateverTheBytesArriveIn) {
     EXPECT_EQ(seen[1].text, u"");
     EXPECT_EQ(seen[1].data, (std::vector<uint8_t>{9, 8}));
     EXPECT_EQ(seen[2].header.kind, 1u);
-    EXPECT_TRUE(sink.notices().empty());
+    EXPECT_TRUE(sink.notices.empty());
     EXPECT_EQ(reader.pending(), 0u);
   }
 }
@@ -70,9 +70,9 @@ TEST(RecordReader, ReportsAndDropsWhatCannotBeRead) {
     const std::vector<uint8_t> good = EncodeRecord(Header(2, 0), u"ok", {});
     if (c.pending == 0) reader.Feed(good.data(), good.size());
     reader.Finish();
-    EXPECT_TRUE(sink.records().empty());
-    ASSERT_EQ(sink.notices().size(), 1u);
-    EXPECT_EQ(sink.notices()[0], c.notice);
+    EXPECT_TRUE(sink.records.empty());
+    ASSERT_EQ(sink.notices.size(), 1u);
+    EXPECT_EQ(sink.notices[0], c.notice);
     EXPECT_EQ(reader.pending(), 0u);
   }
 }

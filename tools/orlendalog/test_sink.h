@@ -1,4 +1,5 @@
-// A sink for the log service's tests: keeps what readers report, safe for many reader threads.
+// A sink for the log service's tests: keeps what readers report, safe for many reader threads. Tests
+// read `records` and `notices` once the readers are done (the reader returned, or the server stopped).
 #pragma once
 
 #include <mutex>
@@ -20,26 +21,18 @@ class TestSink : public RecordSink {
   void OnRecord(const logging::RecordHeader& header, WStringView text, const uint8_t* data,
                 uint32_t data_size) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    records_.push_back({header, std::u16string(text), std::vector<uint8_t>(data, data + data_size)});
+    records.push_back({header, std::u16string(text), std::vector<uint8_t>(data, data + data_size)});
   }
   void OnMalformed(const char* notice) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    notices_.emplace_back(notice);
+    notices.emplace_back(notice);
   }
 
-  std::vector<SeenRecord> records() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return records_;
-  }
-  std::vector<std::string> notices() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return notices_;
-  }
+  std::vector<SeenRecord> records;
+  std::vector<std::string> notices;
 
  private:
   std::mutex mutex_;
-  std::vector<SeenRecord> records_;
-  std::vector<std::string> notices_;
 };
 
 // The bytes of one record as a writer sends them.
