@@ -38,12 +38,11 @@ TEST(RunMode, VerbsAfterADashOrSlashInAnyCase) {
     RunMode mode;
   };
   const Case cases[] = {
-      {{"orlenda"}, RunMode::kDispatcher},         {{"orlenda", "/DEBUG"}, RunMode::kDebug},
-      {{"orlenda", "-Debug"}, RunMode::kDebug},    {{"orlenda", "debug"}, RunMode::kDispatcher},
-      {{"orlenda", "-debugs"}, RunMode::kDispatcher}, {{"orlenda", "-frobnicate"}, RunMode::kDispatcher},
-      {{"orlenda", "-install"}, RunMode::kInstall}, {{"orlenda", "/REMOVE"}, RunMode::kRemove},
-      {{"orlenda", "-Stop"}, RunMode::kStop},      {{"orlenda", "/start", "x"}, RunMode::kStart},
-      {{"orlenda", "-"}, RunMode::kDispatcher},
+      {{"orlenda"}, RunMode::kDispatcher},            {{"orlenda", "/DEBUG"}, RunMode::kDebug},
+      {{"orlenda", "-Debug"}, RunMode::kDebug},       {{"orlenda", "debug"}, RunMode::kDispatcher},
+      {{"orlenda", "-debugs"}, RunMode::kDispatcher}, {{"orlenda", "-"}, RunMode::kDispatcher},
+      {{"orlenda", "-install"}, RunMode::kInstall},    {{"orlenda", "/REMOVE"}, RunMode::kRemove},
+      {{"orlenda", "-Stop"}, RunMode::kStop},         {{"orlenda", "/start", "x"}, RunMode::kStart},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(ParseRunMode(static_cast<int>(c.args.size()), c.args.data()), c.mode)
