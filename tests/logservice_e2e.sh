@@ -43,8 +43,16 @@ sleep 1
 # 3. The service starts; the late writer gets through and reports what it lost.
 "${launcher[@]}" "$orlendalog" -debug -max-size 100000000 >"$work/out.txt" 2>&1 &
 service_pid=$!
-for _ in $(seq 1 300); do grep -q "orlendalog: started" "$work/out.txt" 2>/dev/null && break; sleep 0.1; done
-grep -q "orlendalog: started" "$work/out.txt" || fail "the log service did not start"
+# A loaded machine can take its time to start a Windows process: a minute, as for the broker.
+for _ in $(seq 1 600); do
+  grep -q "orlendalog: started" "$work/out.txt" 2>/dev/null && break
+  kill -0 "$service_pid" 2>/dev/null || break
+  sleep 0.1
+done
+if ! grep -q "orlendalog: started" "$work/out.txt"; then
+  kill -0 "$service_pid" 2>/dev/null || { wait "$service_pid"; fail "the log service ended (exit code $?) before it started"; }
+  fail "the log service did not start within a minute"
+fi
 wait "$late_pid" || fail "the late writer never got through: $(cat "$work/late.txt")"
 
 # 4. Records with data, from another process.

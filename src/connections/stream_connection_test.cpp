@@ -164,8 +164,12 @@ TEST_F(StreamTest, AClientThatDoesNotReadHoldsUpNobodyAndOneThatCannotBeServedWh
     ASSERT_TRUE(c.AwaitWriter());
     // Pushed on this thread: a push that wrote would wait here for the whole bound. Exactly the
     // bound may queue behind the write in progress; one byte more is too much.
+    // With a write about to fail, the queue stays small: a push that overflowed it before the
+    // failure is seen would give the client up a second way.
     c.PushEvent(1, Bytes("a"));
-    c.PushEvent(2, Bytes(std::string(CSKStreamConnection::kSendQueueBytes - 2 * SK_FRAME_REPLY_SIZE - 1, 'b')));
+    if (fault != kWriteFails) {
+      c.PushEvent(2, Bytes(std::string(CSKStreamConnection::kSendQueueBytes - 2 * SK_FRAME_REPLY_SIZE - 1, 'b')));
+    }
     EXPECT_EQ(c.abandoned(), 0);
     if (fault == kOverflow) c.PushEvent(3, Bytes("c"));
     EXPECT_EQ(c.abandoned(), fault == kOverflow ? 1 : 0);
