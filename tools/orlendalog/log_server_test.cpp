@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "logging/log.h"
@@ -27,23 +28,20 @@ struct SeenRecord {
   std::vector<uint8_t> data;
 };
 
-class TestSink : public RecordSink {
- public:
+struct TestSink : RecordSink {
   void OnRecord(const logging::RecordHeader& header, WStringView text, const uint8_t* data,
                 uint32_t data_size) override {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(mutex);
     records.push_back({header, std::u16string(text), std::vector<uint8_t>(data, data + data_size)});
   }
   void OnMalformed(const char* notice) override {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(mutex);
     notices.emplace_back(notice);
   }
 
+  std::mutex mutex;
   std::vector<SeenRecord> records;
   std::vector<std::string> notices;
-
- private:
-  std::mutex mutex_;
 };
 
 // The bytes of one record as a writer sends them.
@@ -79,15 +77,10 @@ TEST(RecordReader, ReadsRecordsWhateverTheBytesArriveIn) {
       reader.Feed(stream.data() + at, std::min(step, stream.size() - at));
     }
     reader.Finish();
-    const std::vector<SeenRecord>& seen = sink.records;
-    ASSERT_EQ(seen.size(), 3u);
-    EXPECT_EQ(seen[0].text, u"hello");
-    EXPECT_EQ(seen[0].data, (std::vector<uint8_t>{1, 2, 3}));
-    EXPECT_EQ(seen[0].header.process_id, 4242u);
-    EXPECT_EQ(seen[0].header.time, 0x01DC5A0000000000ull);
-    EXPECT_EQ(seen[1].text, u"");
-    EXPECT_EQ(seen[1].data, (std::vector<uint8_t>{9, 8}));
-    EXPECT_EQ(seen[2].header.kind, 1u);
+    // Process, kind, text and data of each; the header's layout is the log client's to show.
+    std::vector<std::tuple<uint32_t, uint32_t, std::u16string, std::vector<uint8_t>>> seen;
+    for (const SeenRecord& r : sink.records) seen.emplace_back(r.header.process_id, r.header.kind, r.text, r.data);
+    EXPECT_EQ(seen, (decltype(seen){{4242, 0, u"hello", {1, 2, 3}}, {4242, 0, u"", {9, 8}}, {4242, 1, u"", {}}}));
     EXPECT_TRUE(sink.notices.empty());
     EXPECT_EQ(reader.pending(), 0u);
   }
