@@ -13,6 +13,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "components/configuration.h"
@@ -33,20 +34,15 @@ namespace {
 using platform::ServiceStatus;
 
 TEST(RunMode, VerbsAfterADashOrSlashInAnyCase) {
-  struct Case {
-    std::vector<const char*> args;
-    RunMode mode;
-  };
-  const Case cases[] = {
+  const std::pair<std::vector<const char*>, RunMode> cases[] = {
       {{"orlenda"}, RunMode::kDispatcher},            {{"orlenda", "/DEBUG"}, RunMode::kDebug},
       {{"orlenda", "-Debug"}, RunMode::kDebug},       {{"orlenda", "debug"}, RunMode::kDispatcher},
       {{"orlenda", "-debugs"}, RunMode::kDispatcher}, {{"orlenda", "-"}, RunMode::kDispatcher},
       {{"orlenda", "-install"}, RunMode::kInstall},    {{"orlenda", "/REMOVE"}, RunMode::kRemove},
       {{"orlenda", "-Stop"}, RunMode::kStop},         {{"orlenda", "/start", "x"}, RunMode::kStart},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(ParseRunMode(static_cast<int>(c.args.size()), c.args.data()), c.mode)
-        << (c.args.size() > 1 ? c.args[1] : "(none)");
+  for (const auto& [args, mode] : cases) {
+    EXPECT_EQ(ParseRunMode(static_cast<int>(args.size()), args.data()), mode) << (args.size() > 1 ? args[1] : "(none)");
   }
 }
 
