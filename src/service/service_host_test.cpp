@@ -196,7 +196,6 @@ TEST_F(ServiceStartTest, ALooserDataFolderIsTakenOverAndAConfigurationOthersMayW
   system_.ExpectStoppedAtStart(kStartFailedExitCode);
   ASSERT_EQ(system_.events.size(), 1u);
   EXPECT_NE(system_.events[0].find(u"may be changed by users other than the administrators"), std::u16string::npos);
-  fs::permissions(FsPath(path), fs::perms::others_write, fs::perm_options::remove);
 }
 
 // Locked, unlocked, locked by another client that then goes away without unlocking, and the stop
