@@ -159,9 +159,6 @@ class ServiceStartTest : public testing::ConfigurationFixture {
     CPropertyHandler properties{WString(u"Orlenda.properties")};
     ASSERT_TRUE(properties.SetString(u"LOOP/1/PortName", u"test"));
   }
-  static std::filesystem::path FsPath(const WString& path) {
-    return std::filesystem::u8path(std::string(WideToUtf8(View(path)).c_str()));
-  }
 
   FakeSystem system_;
   uint16_t port_ = 0;
@@ -182,14 +179,14 @@ TEST_F(ServiceStartTest, ALooserDataFolderIsTakenOverAndAConfigurationOthersMayW
   ServiceHost host(kIdentity, &ServiceStart, system_);
   WString folder, refusal;
   ASSERT_TRUE(ServiceDataFolder(host, &folder));
-  fs::permissions(FsPath(folder), fs::perms::all);  // anyone may plant a configuration in it
+  fs::permissions(fs::path(View(folder)), fs::perms::all);  // anyone may plant a configuration in it
   EXPECT_TRUE(SecureServiceData(host, &refusal)) << testing::Narrow(View(refusal));
   bool trusted = false;
   ASSERT_EQ(platform::OnlyTrustedMayChange(folder.c_str(), &trusted), 0u);
   EXPECT_TRUE(trusted);
 
   const WString path = testing::StorePath(u"Orlenda.configuration");
-  fs::permissions(FsPath(path), fs::perms::others_write, fs::perm_options::add);
+  fs::permissions(fs::path(View(path)), fs::perms::others_write, fs::perm_options::add);
   ASSERT_EQ(platform::OnlyTrustedMayChange(path.c_str(), &trusted), 0u);
   if (trusted) GTEST_SKIP() << "this file system cannot make a file writable by others from here";
   host.ServiceMain();
