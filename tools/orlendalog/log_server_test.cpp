@@ -49,10 +49,8 @@ std::vector<uint8_t> EncodeRecord(const logging::RecordHeader& header, const std
                                   const std::vector<uint8_t>& data) {
   std::vector<uint8_t> bytes(logging::kRecordHeaderSize);
   logging::EncodeRecordHeader(header, bytes.data());
-  for (char16_t unit : text) {
-    bytes.push_back(static_cast<uint8_t>(unit));
-    bytes.push_back(static_cast<uint8_t>(unit >> 8));
-  }
+  const auto* units = reinterpret_cast<const uint8_t*>(text.data());  // the hosts are little-endian too
+  bytes.insert(bytes.end(), units, units + 2 * text.size());
   bytes.insert(bytes.end(), data.begin(), data.end());
   return bytes;
 }
