@@ -42,7 +42,6 @@ TEST_F(NetPrinterTest, APrinterComesOnlineWhenItAppearsAfterItsPowerCycleAndAfte
   ASSERT_TRUE(client.WaitCount(SK_EVENT_DEVICE_OFFLINE, 2));
   const std::string reason = client.LastText(SK_EVENT_DEVICE_OFFLINE);
   EXPECT_NE(reason.find("127.0.0.1:" + std::to_string(printer_.port()) + ": "), std::string::npos) << reason;
-  EXPECT_EQ(client.State() & SK_DEVICE_STATE_ONLINE, 0u);
   uint32_t written = 99;  // a write while offline fails at once and sends nothing
   EXPECT_EQ(client.Write("lost", &written), SKR_DEVICE_OFFLINE);
   EXPECT_EQ(written, 0u);
