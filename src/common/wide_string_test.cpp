@@ -50,18 +50,15 @@ TEST(Utf8ToWide, MalformedInputBecomesOneReplacementPerMaximalSubpart) {
 
 // Boundary values of every sequence length, both ways.
 TEST(WideString, ValidTextRoundTrips) {
-  const struct {
-    std::string utf8;
-    std::u16string wide;
-  } cases[] = {
+  const std::pair<std::string, std::u16string> cases[] = {
       {"\x7F", u"\u007F"}, {"\xC2\x80", u"\u0080"}, {"\xDF\xBF", u"\u07FF"}, {"\xE0\xA0\x80", u"\u0800"},
       {"\xEE\x80\x80", u"\uE000"}, {"\xEF\xBF\xBF", u"\uFFFF"}, {"\xF0\x90\x80\x80", u"\U00010000"},
       {"\xF0\x9F\x98\x80", std::u16string{0xD83D, 0xDE00}}, {"\xF4\x8F\xBF\xBF", u"\U0010FFFF"},
       {"COM1 \xE2\x82\xAC", u"COM1 \u20AC"},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(Decode(c.utf8), c.wide);
-    EXPECT_EQ(Encode(c.wide), c.utf8);
+  for (const auto& [utf8, wide] : cases) {
+    EXPECT_EQ(Decode(utf8), wide);
+    EXPECT_EQ(Encode(wide), utf8);
   }
 }
 

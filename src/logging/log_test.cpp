@@ -128,17 +128,14 @@ TEST_F(LogClientTest, ManyThreadsTracingAtOnceKeepEachThreadsOrder) {
 // never silent.
 TEST_F(LogClientTest, BurstLosesOnlyWhatItCountsAndReports) {
   constexpr uint32_t kBurst = 100000;
-  const struct {
-    std::size_t queue_bytes;
-    bool expect_loss;
-  } cases[] = {{32u << 20, false}, {8u << 10, true}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.queue_bytes);
+  const std::pair<std::size_t, bool> cases[] = {{32u << 20, false}, {8u << 10, true}};
+  for (const auto& [queue_bytes, expect_loss] : cases) {
+    SCOPED_TRACE(queue_bytes);
     LogReceiver receiver;
     receiver.HoldPresence();  // the sender waits for the pipe while the burst fills the queue
     logging::LogCounters counters;
     {
-      logging::LogClient client(c.queue_bytes);
+      logging::LogClient client(queue_bytes);
       char16_t text[kLogBufferChars];
       for (uint32_t n = 1; n <= kBurst; ++n) client.Send(4, text, FormatLog(text, u"burst %d", n), nullptr, 0);
       receiver.Listen();
@@ -149,7 +146,7 @@ TEST_F(LogClientTest, BurstLosesOnlyWhatItCountsAndReports) {
       counters = client.counters();
     }
     EXPECT_EQ(counters.delivered + counters.lost, kBurst + 1);
-    EXPECT_EQ(counters.lost != 0, c.expect_loss);
+    EXPECT_EQ(counters.lost != 0, expect_loss);
 
     uint64_t reported = 0;
     uint32_t last = 0;

@@ -22,22 +22,19 @@ TEST(FindModuleResource, FindsTheEmbeddedDocumentInPlace) {
 
 TEST(FindModuleResource, MissingResourcesClearTheResults) {
   constexpr uint32_t kRcData = 10;  // RT_RCDATA
-  struct Case {
-    uint32_t type;
-    uint32_t id;
-  } cases[] = {
+  const std::pair<uint32_t, uint32_t> cases[] = {  // type, identifier
       {kResourceTypeHtml, 102},               // unknown identifier
       {kRcData, kSchemaId},                   // right identifier, other type
       {kResourceTypeHtml, 0x10000 + kSchemaId},  // beyond 16 bits: must not alias 101
       {0x10000 + kResourceTypeHtml, kSchemaId},
       {kResourceTypeHtml, 0},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << "type " << c.type << " id " << c.id);
+  for (const auto& [type, id] : cases) {
+    SCOPED_TRACE(testing::Message() << "type " << type << " id " << id);
     uint8_t dummy = 0;
     const uint8_t* data = &dummy;
     std::size_t size = 12345;
-    EXPECT_FALSE(FindModuleResource(c.type, c.id, &data, &size));
+    EXPECT_FALSE(FindModuleResource(type, id, &data, &size));
     EXPECT_EQ(data, nullptr);
     EXPECT_EQ(size, 0u);
   }

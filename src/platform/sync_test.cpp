@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "platform/thread.h"
@@ -52,23 +53,18 @@ TEST(CriticalSectionTest, ReentersOnOwnerAndExcludesOthersAndSerialisesIncrement
 
 // S sets, R resets, + is a wait that succeeds, - one that times out.
 TEST(EventTest, SetsResetsAndWaitsInSequence) {
-  struct Case {
-    ResetMode mode;
-    bool initially;
-    const char* script;
-  };
-  const Case cases[] = {
+  const std::tuple<ResetMode, bool, const char*> cases[] = {  // the mode, set at the start, the script
       {ResetMode::kManual, false, "-S++R-"},
       {ResetMode::kManual, true, "++"},
       {ResetMode::kAuto, true, "+-SS+-SR-"},  // setting a set event does not count twice
   };
-  for (const Case& c : cases) {
-    Event event(c.mode, c.initially);
-    for (const char* op = c.script; *op != '\0'; ++op) {
+  for (const auto& [mode, initially, script] : cases) {
+    Event event(mode, initially);
+    for (const char* op = script; *op != '\0'; ++op) {
       if (*op == 'S') event.Set();
       if (*op == 'R') event.Reset();
       if (*op == '+' || *op == '-') {
-        EXPECT_EQ(event.Wait(*op == '+' ? 100 : 0), *op == '+') << c.script << " at " << op - c.script;
+        EXPECT_EQ(event.Wait(*op == '+' ? 100 : 0), *op == '+') << script << " at " << op - script;
       }
     }
   }
