@@ -47,6 +47,7 @@ TEST_F(DeviceTest, SettingsThatCannotWorkFailTheOpenAndAnAbsentDeviceDoesNot) {
     if (c.result == SKR_SUCCESS) {
       EXPECT_EQ(client.State(), 0u);  // offline
       // The first attempt failed while the port was opening; the reason names the device.
+      EXPECT_NE(client.LastText(SK_EVENT_DEVICE_OFFLINE).find(testing::Narrow(kAbsentDevice)), std::string::npos);
       EXPECT_EQ(client.Write("x"), SKR_DEVICE_OFFLINE);
     }
     EXPECT_EQ(client.Close(), c.result == SKR_SUCCESS ? SKR_SUCCESS : SKR_INVALID_HANDLE);
