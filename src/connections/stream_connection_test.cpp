@@ -163,9 +163,8 @@ TEST_F(StreamTest, AClientThatDoesNotReadHoldsUpNobodyAndOneThatCannotBeServedWh
     c.Feed(IoctlFrame(77, SK_LOCK_STATE));
     ASSERT_TRUE(c.AwaitWriter());
     // Pushed on this thread: a push that wrote would wait here for the whole bound. Exactly the
-    // bound may queue behind the write in progress; one byte more is too much.
-    // With a write about to fail, the queue stays small: a push that overflowed it before the
-    // failure is seen would give the client up a second way.
+    // bound may queue behind the write in progress; one byte more is too much. Behind a write about
+    // to fail the queue stays small, or a push before the failure is seen could overflow it too.
     c.PushEvent(1, Bytes("a"));
     if (fault != kWriteFails) {
       c.PushEvent(2, Bytes(std::string(CSKStreamConnection::kSendQueueBytes - 2 * SK_FRAME_REPLY_SIZE - 1, 'b')));
